@@ -1,0 +1,146 @@
+#include "OrvDataSource/DatasetFactory.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <cpl_string.h>
+#include <gdal_priv.h>
+
+namespace OrvDataSource {
+
+GDALDataType ToGDALType(PixelDataType type);
+
+namespace {
+
+QByteArray Native(const QString& path) { return path.toUtf8(); }
+
+bool DriverCanCreate(GDALDriver* driver)
+{
+    return CPLFetchBool(driver->GetMetadata(), GDAL_DCAP_CREATE, false);
+}
+
+bool DriverCanCopy(GDALDriver* driver)
+{
+    return CPLFetchBool(driver->GetMetadata(), GDAL_DCAP_CREATECOPY, false);
+}
+
+// Side files GDAL reads RPC coefficients from, as suffixes replacing the extension.
+const char* const kRpcSuffixes[] = {".RPB", ".rpb", "_rpc.txt", "_RPC.TXT"};
+
+QString StripExtension(const QString& path)
+{
+    const QFileInfo info(path);
+    const QString suffix = info.suffix();
+    return suffix.isEmpty() ? path : path.left(path.size() - suffix.size() - 1);
+}
+
+} // namespace
+
+DatasetFactory::DatasetFactory()
+{
+    InstallGdalErrorHandler();
+    GDALAllRegister();
+    GDALSetCacheMax64(kBlockCacheBytes);
+}
+
+DatasetFactory* DatasetFactory::Instance()
+{
+    static OrvUtility::_ptr_t<DatasetFactory> instance(new DatasetFactory());
+    return instance.get();
+}
+
+OrvUtility::_ptr_t<Dataset> DatasetFactory::OpenDataset(const QString& path, OpenMode mode, const QString& extra)
+{
+    (void)extra; // kept for the host's signature; no open option is needed over GDAL
+    const unsigned flags = GDAL_OF_RASTER | GDAL_OF_VECTOR | GDAL_OF_VERBOSE_ERROR | (mode == OM_Update ? GDAL_OF_UPDATE : GDAL_OF_READONLY);
+    GDALDataset* poDS = GDALDataset::Open(Native(path).constData(), flags);
+    if (!poDS)
+        return nullptr;
+    if (poDS->GetRasterCount() > 0)
+        return new RasterDataset(poDS, path);
+    return new Dataset(poDS, path);
+}
+
+OrvUtility::_ptr_t<RasterDataset> DatasetFactory::OpenRasterDataset(const QString& path, OpenMode mode)
+{
+    const unsigned flags = GDAL_OF_RASTER | GDAL_OF_VERBOSE_ERROR | (mode == OM_Update ? GDAL_OF_UPDATE : GDAL_OF_READONLY);
+    GDALDataset* poDS = GDALDataset::Open(Native(path).constData(), flags);
+    if (!poDS)
+        return nullptr;
+    if (poDS->GetRasterCount() < 1) {
+        GDALClose(GDALDataset::ToHandle(poDS));
+        CPLError(CE_Failure, CPLE_OpenFailed, "%s has no raster band", Native(path).constData());
+        return nullptr;
+    }
+    return new RasterDataset(poDS, path);
+}
+
+OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(const QString& path, int xSize, int ySize,
+                                                                      int bandCount, PixelDataType type,
+                                                                      const QString& format, char** options)
+{
+    const GDALDataType eType = ToGDALType(type);
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.toUtf8().constData());
+    if (!driver) {
+        CPLError(CE_Failure, CPLE_AppDefined, "Unknown raster format '%s'", format.toUtf8().constData());
+        return nullptr;
+    }
+    if (eType == GDT_Unknown || xSize < 1 || ySize < 1 || bandCount < 1) {
+        CPLError(CE_Failure, CPLE_IllegalArg, "Invalid size, band count or pixel type for %s",
+                 Native(path).constData());
+        return nullptr;
+    }
+    if (DriverCanCreate(driver)) {
+        GDALDataset* poDS = driver->Create(Native(path).constData(), xSize, ySize, bandCount, eType, options);
+        return poDS ? new RasterDataset(poDS, path) : nullptr;
+    }
+    if (!DriverCanCopy(driver)) {
+        CPLError(CE_Failure, CPLE_NotSupported, "Format '%s' cannot write rasters", format.toUtf8().constData());
+        return nullptr;
+    }
+    // Build in a GTiff beside the output, copied into the format when the last handle goes.
+    const QString tmp = path + ".tmp.tif";
+    GDALDriver* gtiff = GetGDALDriverManager()->GetDriverByName("GTiff");
+    GDALDataset* poDS = gtiff ? gtiff->Create(Native(tmp).constData(), xSize, ySize, bandCount, eType, nullptr) : nullptr;
+    if (!poDS)
+        return nullptr;
+    OrvUtility::_ptr_t<RasterDataset> ds = new RasterDataset(poDS, tmp);
+    ds->CopyOnRelease(path, format);
+    return ds;
+}
+
+OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(
+    const QString& path, const OrvUtility::_ptr_t<OrvGeometry::Envelope>& extent, int xSize, int ySize,
+    int bandCount, PixelDataType type, const QString& format, char** options)
+{
+    OrvUtility::_ptr_t<RasterDataset> ds = CreateRasterDataset(path, xSize, ySize, bandCount, type, format, options);
+    if (ds && extent && !extent->IsEmpty()) {
+        const double gt[6] = {extent->MinX(), extent->Width() / xSize, 0.0,
+                              extent->MaxY(), 0.0, -extent->Height() / ySize};
+        ds->SetGeoTransform(gt);
+    }
+    return ds;
+}
+
+bool DatasetFactory::CopyRPCFile(RasterDataset* source, RasterDataset* target)
+{
+    if (!source || !target)
+        return false;
+    bool copied = false;
+    if (char** rpc = source->GetMetadata("RPC")) {
+        copied = target->GetGDALDataset()->SetMetadata(rpc, "RPC") == CE_None;
+    }
+    const QString srcBase = StripExtension(source->GetOutputPath());
+    const QString dstBase = StripExtension(target->GetOutputPath());
+    for (const char* suffix : kRpcSuffixes) {
+        const QString from = srcBase + QLatin1String(suffix);
+        if (!QFile::exists(from))
+            continue;
+        const QString to = dstBase + QLatin1String(suffix);
+        QFile::remove(to);
+        copied = QFile::copy(from, to) || copied;
+        break;
+    }
+    return copied;
+}
+
+} // namespace OrvDataSource

@@ -1,0 +1,35 @@
+#pragma once
+#include "OrvDataSource/GdalErrors.h"
+#include "OrvDataSource/RasterDataset.h"
+#include "OrvGeometry/Envelope.h"
+
+namespace OrvDataSource {
+
+// Process-wide entry to every open and create; registers GDAL's drivers once.
+class DatasetFactory : public OrvUtility::CRef {
+public:
+    static DatasetFactory* Instance();
+
+    // A raster file comes back as a RasterDataset, a vector-only one as a plain Dataset.
+    OrvUtility::_ptr_t<Dataset> OpenDataset(const QString& path, OpenMode mode, const QString& extra);
+    OrvUtility::_ptr_t<RasterDataset> OpenRasterDataset(const QString& path, OpenMode mode);
+    OrvUtility::_ptr_t<RasterDataset> CreateRasterDataset(const QString& path, int xSize, int ySize,
+                                                          int bandCount, PixelDataType type,
+                                                          const QString& format, char** options);
+    // The geo-transform is set so the raster covers the envelope exactly (north up).
+    OrvUtility::_ptr_t<RasterDataset> CreateRasterDataset(const QString& path,
+                                                          const OrvUtility::_ptr_t<OrvGeometry::Envelope>& extent,
+                                                          int xSize, int ySize, int bandCount,
+                                                          PixelDataType type, const QString& format,
+                                                          char** options);
+    // Copies the RPC metadata domain and any RPC side file (.RPB, _rpc.txt) of source to target.
+    static bool CopyRPCFile(RasterDataset* source, RasterDataset* target);
+
+    // The block cache GDAL gets; a small cache keeps the flush at close short.
+    static constexpr long long kBlockCacheBytes = 64LL * 1024 * 1024;
+
+private:
+    DatasetFactory();
+};
+
+} // namespace OrvDataSource

@@ -1,0 +1,39 @@
+#pragma once
+#include "OrvDataSource/PixelDataType.h"
+#include "OrvUtility/CRef.h"
+
+class GDALRasterBand;
+
+namespace OrvDataSource {
+
+class RasterDataset;
+
+// One band of a raster dataset; keeps its dataset open while it lives.
+class RasterBand : public OrvUtility::CRef {
+public:
+    RasterBand(RasterDataset* owner, GDALRasterBand* poBand);
+    ~RasterBand() override;
+
+    PixelDataType GetRasterDataType() const;
+    int GetXSize() const;
+    int GetYSize() const;
+
+    virtual bool GetNoDataValue(double* value);
+    virtual void SetNoDataValue(double value);
+    // Window (x, y, w, h) into/from a buffer of bufW × bufH pixels of `type`; spacings 0 mean packed.
+    virtual bool ReadBlock(int x, int y, int w, int h, void* data, int bufW, int bufH,
+                           PixelDataType type, long long pixelSpace, long long lineSpace);
+    virtual bool WriteBlock(int x, int y, int w, int h, void* data, int bufW, int bufH,
+                            PixelDataType type, long long pixelSpace, long long lineSpace);
+
+    GDALRasterBand* GetGDALBand() const { return m_poBand; }
+
+private:
+    bool BlockIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
+                 PixelDataType type, long long pixelSpace, long long lineSpace);
+
+    OrvUtility::_ptr_t<RasterDataset> m_owner;
+    GDALRasterBand* m_poBand;
+};
+
+} // namespace OrvDataSource

@@ -1,0 +1,174 @@
+#include "OrvDataSource/RasterDataset.h"
+#include "OrvDataSource/GdalErrors.h"
+
+#include <QFile>
+#include <gdal_priv.h>
+
+namespace OrvDataSource {
+
+GDALDataType ToGDALType(PixelDataType type)
+{
+    switch (type) {
+    case PDT_Byte: return GDT_Byte;
+    case PDT_UInt16: return GDT_UInt16;
+    case PDT_Int16: return GDT_Int16;
+    case PDT_UInt32: return GDT_UInt32;
+    case PDT_Int32: return GDT_Int32;
+    case PDT_Float32: return GDT_Float32;
+    case PDT_Float64: return GDT_Float64;
+    case PDT_CInt16: return GDT_CInt16;
+    case PDT_CInt32: return GDT_CInt32;
+    case PDT_CFloat32: return GDT_CFloat32;
+    case PDT_CFloat64: return GDT_CFloat64;
+    default: return GDT_Unknown;
+    }
+}
+
+PixelDataType FromGDALType(GDALDataType type)
+{
+    switch (type) {
+    case GDT_Byte: return PDT_Byte;
+    case GDT_UInt16: return PDT_UInt16;
+    case GDT_Int16: return PDT_Int16;
+    case GDT_UInt32: return PDT_UInt32;
+    case GDT_Int32: return PDT_Int32;
+    case GDT_Float32: return PDT_Float32;
+    case GDT_Float64: return PDT_Float64;
+    case GDT_CInt16: return PDT_CInt16;
+    case GDT_CInt32: return PDT_CInt32;
+    case GDT_CFloat32: return PDT_CFloat32;
+    case GDT_CFloat64: return PDT_CFloat64;
+    default: return PDT_Unknown;
+    }
+}
+
+QString SpatialReference::ExportToWkt() const
+{
+    char* wkt = nullptr;
+    m_srs.exportToWkt(&wkt);
+    QString s = QString::fromUtf8(wkt ? wkt : "");
+    CPLFree(wkt);
+    return s;
+}
+
+Dataset::Dataset(GDALDataset* poDS, const QString& path) : m_poDS(poDS), m_strPath(path) {}
+
+Dataset::~Dataset() { CloseGDAL(); }
+
+void Dataset::CloseGDAL()
+{
+    if (m_poDS) {
+        GDALClose(GDALDataset::ToHandle(m_poDS));
+        m_poDS = nullptr;
+    }
+}
+
+RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path) {}
+
+RasterDataset::~RasterDataset()
+{
+    if (m_strCopyTarget.isEmpty())
+        return;
+    CloseGDAL();
+    const QByteArray tmp = m_strPath.toUtf8();
+    const QByteArray target = m_strCopyTarget.toUtf8();
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(m_strCopyDriver.toUtf8().constData());
+    GDALDataset* src = GDALDataset::Open(tmp.constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
+    if (driver && src) {
+        GDALDataset* copy = driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr);
+        if (copy)
+            GDALClose(GDALDataset::ToHandle(copy));
+    }
+    if (src)
+        GDALClose(GDALDataset::ToHandle(src));
+    GDALDeleteDataset(nullptr, tmp.constData());
+    QFile::remove(m_strPath);
+}
+
+int RasterDataset::GetRasterXSize() const { return m_poDS->GetRasterXSize(); }
+int RasterDataset::GetRasterYSize() const { return m_poDS->GetRasterYSize(); }
+int RasterDataset::GetBandCount() const { return m_poDS->GetRasterCount(); }
+
+void RasterDataset::GetGeoTransform(double* gt) const
+{
+    if (m_poDS->GetGeoTransform(gt) != CE_None) {
+        // GDAL's default for a raster without one.
+        const double identity[6] = {0, 1, 0, 0, 0, 1};
+        std::copy(identity, identity + 6, gt);
+    }
+}
+
+OrvUtility::_ptr_t<RasterBand> RasterDataset::GetRasterBand(int index) const
+{
+    if (index < 0 || index >= GetBandCount())
+        return nullptr;
+    return new RasterBand(const_cast<RasterDataset*>(this), m_poDS->GetRasterBand(index + 1));
+}
+
+OrvUtility::_ptr_t<SpatialReference> RasterDataset::GetSpatialReference() const
+{
+    const OGRSpatialReference* srs = m_poDS->GetSpatialRef();
+    if (!srs || srs->IsEmpty())
+        return nullptr;
+    return new SpatialReference(*srs);
+}
+
+bool RasterDataset::SetSpatialReference(const OrvUtility::_ptr_t<SpatialReference>& srs)
+{
+    return m_poDS->SetSpatialRef(srs ? &srs->GetOGR() : nullptr) == CE_None;
+}
+
+char** RasterDataset::GetMetadata(const char* domain) const { return m_poDS->GetMetadata(domain); }
+
+OrvUtility::_ptr_t<PixelBuffer> RasterDataset::ReadRaster(int x, int y, int w, int h, int bufW, int bufH,
+                                                          const std::vector<int>& bands)
+{
+    const PixelDataType type = bands.empty() || bands[0] < 1 || bands[0] > GetBandCount()
+                                   ? PDT_Byte
+                                   : GetRasterBand(bands[0] - 1)->GetRasterDataType();
+    OrvUtility::_ptr_t<PixelBuffer> buffer = new PixelBuffer(type, bufW, bufH, static_cast<int>(bands.size()));
+    if (!buffer->IsValid() || bands.empty())
+        return buffer;
+    if (!RasterIO(false, x, y, w, h, buffer->GetData(), bufW, bufH, type, static_cast<int>(bands.size()),
+                  bands.data(), 0, 0, 0))
+        std::fill_n(static_cast<std::byte*>(buffer->GetData()), buffer->GetByteCount(), std::byte{0});
+    return buffer;
+}
+
+bool RasterDataset::WriteRaster(int x, int y, int w, int h, void* data, int bufW, int bufH,
+                                PixelDataType type, int bandCount, const int* bands,
+                                long long pixelSpace, long long lineSpace, long long bandSpace)
+{
+    return RasterIO(true, x, y, w, h, data, bufW, bufH, type, bandCount, bands, pixelSpace, lineSpace, bandSpace);
+}
+
+bool RasterDataset::ReadRasterInto(int x, int y, int w, int h, void* data, int bufW, int bufH,
+                                   PixelDataType type, int bandCount, const int* bands,
+                                   long long pixelSpace, long long lineSpace, long long bandSpace)
+{
+    return RasterIO(false, x, y, w, h, data, bufW, bufH, type, bandCount, bands, pixelSpace, lineSpace, bandSpace);
+}
+
+bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
+                             PixelDataType type, int bandCount, const int* bands,
+                             long long pixelSpace, long long lineSpace, long long bandSpace)
+{
+    const GDALDataType eType = ToGDALType(type);
+    if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
+        return false;
+    return m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
+                            const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None;
+}
+
+bool RasterDataset::SetGeoTransform(const double* gt)
+{
+    return m_poDS->SetGeoTransform(const_cast<double*>(gt)) == CE_None;
+}
+
+void RasterDataset::CopyOnRelease(const QString& target, const QString& driver)
+{
+    m_strCopyTarget = target;
+    m_strCopyDriver = driver;
+}
+
+} // namespace OrvDataSource

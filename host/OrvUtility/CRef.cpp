@@ -1,0 +1,5 @@
+#include "OrvUtility/CRef.h"
+
+namespace OrvUtility {
+CRef::~CRef() = default;
+} // namespace OrvUtility

@@ -1,0 +1,71 @@
+#include "OrvUtility/CRef.h"
+#include "OrvUtility/Mult.h"
+
+#include <gtest/gtest.h>
+
+using OrvUtility::_ptr_t;
+
+namespace {
+
+struct Tracked : OrvUtility::CRef {
+    explicit Tracked(int* alive) : alive(alive) { ++*alive; }
+    ~Tracked() override { --*alive; }
+    int* alive;
+};
+
+TEST(PtrT, ReleasesOnLastHandleThroughCopiesAndMoves)
+{
+    int alive = 0;
+    {
+        _ptr_t<Tracked> a(new Tracked(&alive));
+        EXPECT_EQ(a->RefCount(), 1);
+        {
+            _ptr_t<Tracked> b = a;
+            EXPECT_EQ(a->RefCount(), 2);
+            _ptr_t<Tracked> c = std::move(b);
+            EXPECT_FALSE(b);
+            EXPECT_EQ(a->RefCount(), 2);
+            c = nullptr;
+            EXPECT_EQ(a->RefCount(), 1);
+        }
+        _ptr_t<Tracked> d;
+        d = a;
+        a.reset();
+        EXPECT_EQ(alive, 1) << "a copy still holds it";
+        EXPECT_EQ(d->RefCount(), 1);
+    }
+    EXPECT_EQ(alive, 0);
+}
+
+TEST(PtrT, SelfAssignmentKeepsTheObject)
+{
+    int alive = 0;
+    _ptr_t<Tracked> a(new Tracked(&alive));
+    _ptr_t<Tracked>& ref = a;
+    a = ref;
+    EXPECT_EQ(alive, 1);
+    EXPECT_EQ(a->RefCount(), 1);
+}
+
+TEST(Mult, RectangularProductMatchesHandComputedValues)
+{
+    double a[] = {1, 2, 3, 4, 5, 6};          // 2×3
+    double b[] = {7, 8, 9, 10, 11, 12};       // 3×2
+    double c[] = {-1, -1, -1, -1};            // overwritten, not accumulated
+    OrvUtility::mult(a, b, c, 2, 3, 2);
+    EXPECT_DOUBLE_EQ(c[0], 58);
+    EXPECT_DOUBLE_EQ(c[1], 64);
+    EXPECT_DOUBLE_EQ(c[2], 139);
+    EXPECT_DOUBLE_EQ(c[3], 154);
+}
+
+TEST(Mult, SquareProductIsNotCommutative)
+{
+    double a[] = {0, 1, 0, 0}, b[] = {0, 0, 1, 0}, ab[4], ba[4];
+    OrvUtility::mult(a, b, ab, 2, 2, 2);
+    OrvUtility::mult(b, a, ba, 2, 2, 2);
+    EXPECT_EQ((std::vector<double>(ab, ab + 4)), (std::vector<double>{1, 0, 0, 0}));
+    EXPECT_EQ((std::vector<double>(ba, ba + 4)), (std::vector<double>{0, 0, 0, 1}));
+}
+
+} // namespace

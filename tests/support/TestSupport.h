@@ -1,0 +1,66 @@
+#pragma once
+// Shared fixtures: temporary folders, small rasters built through GDAL directly, readers.
+#include <gdal_priv.h>
+
+#include <QString>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tavtest {
+
+// A fresh folder under the system temp dir, removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return m_path; }
+    std::string file(const std::string& name) const { return (m_path / name).string(); }
+    QString qfile(const std::string& name) const { return QString::fromStdString(file(name)); }
+
+private:
+    std::filesystem::path m_path;
+};
+
+using PixelFn = std::function<double(int band, int x, int y)>;
+
+struct RasterSpec {
+    int width = 4;
+    int height = 3;
+    int bands = 1;
+    GDALDataType type = GDT_Float32;
+    std::string driver = "GTiff";
+    bool geo = true;         // give it a UTM 25S geo-transform and coordinate system
+    std::vector<double> noData; // per band; empty = none
+};
+
+// Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
+void WriteRaster(const std::string& path, const RasterSpec& spec, const PixelFn& fn);
+
+// Band b (1-based) read back as doubles, row-major.
+std::vector<double> ReadBand(const std::string& path, int band);
+
+struct RasterInfo {
+    int width = 0, height = 0, bands = 0;
+    GDALDataType type = GDT_Unknown;
+    double gt[6] = {0, 0, 0, 0, 0, 0};
+    std::string wkt;
+    std::vector<std::string> descriptions;
+    std::vector<std::pair<bool, double>> noData;
+};
+RasterInfo Info(const std::string& path);
+
+bool Exists(const std::string& path);
+void WriteText(const std::string& path, const std::string& text);
+
+// The real Landsat subset shipped beside the project, or empty when it is absent.
+std::string SampleScene();
+
+// The standard geo-transform of WriteRaster's rasters.
+extern const double kTestGeoTransform[6];
+
+} // namespace tavtest
