@@ -1,0 +1,95 @@
+#include "frame/RasterAccess.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <new>
+
+int PixelTypeBits(int type)
+{
+    switch (type) {
+    case 1: return 8;
+    case 2:
+    case 3: return 16;
+    case 4:
+    case 5:
+    case 6: return 32;
+    case 7: return 64;
+    default: return 0;
+    }
+}
+
+int BytesPerSample(int type)
+{
+    const int bits = PixelTypeBits(type);
+    return bits ? bits / 8 : 1;
+}
+
+void* NewTypedBuffer(int type, long long count)
+{
+    const int bytes = PixelTypeBits(type) / 8;
+    if (bytes == 0 || count < 0)
+        return nullptr;
+    if (static_cast<unsigned long long>(count) > std::numeric_limits<std::size_t>::max() / bytes)
+        return nullptr;
+    const std::size_t total = static_cast<std::size_t>(count) * bytes;
+    return new (std::nothrow) std::byte[total ? total : 1];
+}
+
+void FreeTypedBuffer(void* buffer) { delete[] static_cast<std::byte*>(buffer); }
+
+bool ClearTypedBuffer(void* buffer, int type, long long count)
+{
+    if (!buffer)
+        return false;
+    if (count > 0)
+        std::memset(buffer, 0, static_cast<std::size_t>(PixelTypeBits(type) / 8) * static_cast<std::size_t>(count));
+    return true;
+}
+
+float* ToFloatArray(const void* source, long long count, int type)
+{
+    auto* out = static_cast<float*>(NewTypedBuffer(OrvDataSource::PDT_Float32, count > 0 ? count : 0));
+    if (!out || count < 1)
+        return out;
+    std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));
+    if (!source)
+        return out;
+    DispatchPixelType(type, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        const T* in = static_cast<const T*>(source);
+        for (long long i = 0; i < count; ++i)
+            out[i] = static_cast<float>(in[i]);
+    });
+    return out;
+}
+
+namespace {
+
+unsigned long long FileSystemFreeBytes(const QString& folder)
+{
+    std::error_code ec;
+    const auto info = std::filesystem::space(QFile::encodeName(folder).toStdString(), ec);
+    return ec ? 0 : info.available;
+}
+
+} // namespace
+
+FreeSpaceQuery& FreeSpaceSeam()
+{
+    static FreeSpaceQuery query = FileSystemFreeBytes;
+    return query;
+}
+
+bool EnoughFreeSpace(const QString& outputPath, double requiredBytes)
+{
+    if (outputPath.startsWith('/') || outputPath.startsWith('\\'))
+        return true;
+    // The drive of a relative path is the file system that holds the output's folder.
+    const QString folder = QFileInfo(outputPath).absolutePath();
+    const float required = static_cast<float>(requiredBytes);
+    const float available = static_cast<float>(FreeSpaceSeam()(folder));
+    return !(required > available - 104857600.0f);
+}

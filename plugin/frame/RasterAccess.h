@@ -1,0 +1,56 @@
+#pragma once
+#include "OrvDataSource/PixelDataType.h"
+
+#include <QString>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <type_traits>
+
+using OrvDataSource::PixelDataType;
+
+// 8, 16, 32 or 64 for codes 1..7; 0 otherwise.
+int PixelTypeBits(int type);
+// Bytes of one sample the way the workers size their disk needs: unknown types count as 1.
+int BytesPerSample(int type);
+
+// Uninitialised array of count samples of the type; null for codes outside 1..7, on overflow or
+// when memory is short. Free with FreeTypedBuffer.
+void* NewTypedBuffer(int type, long long count);
+void FreeTypedBuffer(void* buffer);
+// Zeroes (bits / 8) × count bytes; false for a null pointer.
+bool ClearTypedBuffer(void* buffer, int type, long long count);
+// A new zero-filled Float32 copy of count samples of the type (unknown types stay 0);
+// a count below 1 gives a zero-length array. Free with FreeTypedBuffer; null when memory is short.
+float* ToFloatArray(const void* source, long long count, int type);
+
+struct TypedBufferDeleter {
+    void operator()(void* p) const { FreeTypedBuffer(p); }
+};
+template <class T>
+using TypedBuffer = std::unique_ptr<T, TypedBufferDeleter>;
+
+// Calls fn(std::type_identity<T>{}) with the C++ type of a pixel type code 1..7; false otherwise.
+template <class Fn>
+bool DispatchPixelType(int type, Fn&& fn)
+{
+    switch (type) {
+    case OrvDataSource::PDT_Byte: fn(std::type_identity<uint8_t>{}); return true;
+    case OrvDataSource::PDT_UInt16: fn(std::type_identity<uint16_t>{}); return true;
+    case OrvDataSource::PDT_Int16: fn(std::type_identity<int16_t>{}); return true;
+    case OrvDataSource::PDT_UInt32: fn(std::type_identity<uint32_t>{}); return true;
+    case OrvDataSource::PDT_Int32: fn(std::type_identity<int32_t>{}); return true;
+    case OrvDataSource::PDT_Float32: fn(std::type_identity<float>{}); return true;
+    case OrvDataSource::PDT_Float64: fn(std::type_identity<double>{}); return true;
+    default: return false;
+    }
+}
+
+// Free-space check before an output of predictable size is created: true when at least 100 MiB
+// would be left, or when the path begins with "/" or "\" (such paths are not checked).
+bool EnoughFreeSpace(const QString& outputPath, double requiredBytes);
+
+// Free bytes of the file system holding `folder`; tests replace it to fake a full disk.
+using FreeSpaceQuery = std::function<unsigned long long(const QString& folder)>;
+FreeSpaceQuery& FreeSpaceSeam();

@@ -1,0 +1,121 @@
+#include "TestSupport.h"
+#include "frame/RasterAccess.h"
+
+#include <gtest/gtest.h>
+
+#include <QFileInfo>
+#include <cmath>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+
+namespace {
+
+TEST(PixelTypeBits, KnownCodesAndEverythingElse)
+{
+    const int expected[] = {0, 8, 16, 16, 32, 32, 32, 64, 0, 0, 0, 0};
+    for (int code = 0; code < 12; ++code)
+        EXPECT_EQ(PixelTypeBits(code), expected[code]) << code;
+    EXPECT_EQ(PixelTypeBits(-1), 0);
+}
+
+TEST(NewTypedBuffer, RefusesUnknownTypesNegativeCountsAndOverflow)
+{
+    for (int code : {0, 8, 9, 10, 11, -1})
+        EXPECT_EQ(NewTypedBuffer(code, 16), nullptr) << code;
+    EXPECT_EQ(NewTypedBuffer(7, std::numeric_limits<long long>::max() / 4), nullptr) << "byte count overflows";
+    EXPECT_EQ(NewTypedBuffer(6, -1), nullptr);
+    TypedBuffer<void> ok(NewTypedBuffer(7, 3));
+    EXPECT_NE(ok.get(), nullptr);
+    TypedBuffer<void> empty(NewTypedBuffer(1, 0));
+    EXPECT_NE(empty.get(), nullptr) << "a zero-length array is still an array";
+}
+
+TEST(ClearTypedBuffer, ZeroesExactlyTheTypesBytes)
+{
+    EXPECT_FALSE(ClearTypedBuffer(nullptr, 6, 10));
+    uint8_t bytes[12];
+    for (int code : {1, 3, 6, 7, 8}) {
+        std::fill(std::begin(bytes), std::end(bytes), 0xAB);
+        EXPECT_TRUE(ClearTypedBuffer(bytes, code, 1));
+        const int cleared = PixelTypeBits(code) / 8;
+        for (int i = 0; i < 12; ++i)
+            EXPECT_EQ(bytes[i], i < cleared ? 0 : 0xAB) << "code " << code << " byte " << i;
+    }
+}
+
+TEST(ToFloatArray, ConvertsEachTypeByValue)
+{
+    const int16_t i16[] = {-1, 32767};
+    const uint16_t u16[] = {65535, 0};
+    const uint32_t u32[] = {4294967295u, 16777217u};
+    const int32_t i32[] = {-2147483647 - 1, 7};
+    const double f64[] = {1e300, -0.1};
+    const uint8_t u8[] = {255, 1};
+    struct Case { const void* src; int type; float a, b; };
+    const Case cases[] = {
+        {u8, 1, 255.0f, 1.0f},
+        {u16, 2, 65535.0f, 0.0f},
+        {i16, 3, -1.0f, 32767.0f},
+        {u32, 4, 4294967296.0f, 16777216.0f}, // nearest floats
+        {i32, 5, -2147483648.0f, 7.0f},
+        {f64, 7, std::numeric_limits<float>::infinity(), -0.1f},
+        {u8, 9, 0.0f, 0.0f}, // complex: left at 0
+    };
+    for (const Case& c : cases) {
+        TypedBuffer<float> out(ToFloatArray(c.src, 2, c.type));
+        ASSERT_NE(out.get(), nullptr);
+        EXPECT_EQ(out.get()[0], c.a) << "type " << c.type;
+        EXPECT_EQ(out.get()[1], c.b) << "type " << c.type;
+    }
+    TypedBuffer<float> none(ToFloatArray(u8, 0, 1));
+    EXPECT_NE(none.get(), nullptr);
+}
+
+TEST(DispatchPixelType, HandsTheMatchingCppType)
+{
+    EXPECT_TRUE(DispatchPixelType(3, [](auto tag) { EXPECT_TRUE((std::is_same_v<typename decltype(tag)::type, int16_t>)); }));
+    EXPECT_TRUE(DispatchPixelType(7, [](auto tag) { EXPECT_TRUE((std::is_same_v<typename decltype(tag)::type, double>)); }));
+    EXPECT_FALSE(DispatchPixelType(8, [](auto) { ADD_FAILURE(); }));
+}
+
+// Replaces the free-space query for one test.
+class FreeSpace : public ::testing::Test {
+protected:
+    void SetUp() override { saved = FreeSpaceSeam(); }
+    void TearDown() override { FreeSpaceSeam() = saved; }
+    void Fake(unsigned long long bytes)
+    {
+        FreeSpaceSeam() = [bytes, this](const QString& folder) { asked = folder; return bytes; };
+    }
+    FreeSpaceQuery saved;
+    QString asked;
+};
+
+constexpr double MiB = 1024.0 * 1024.0;
+
+TEST_F(FreeSpace, LeavesAHundredMebibytesComparedInSinglePrecision)
+{
+    Fake(static_cast<unsigned long long>(300 * MiB));
+    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB)) << "exactly 100 MiB left is enough";
+    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB + 1)) << "one byte over vanishes in a float";
+    EXPECT_FALSE(EnoughFreeSpace("out.tif", 200 * MiB + 64));
+    EXPECT_EQ(asked, QFileInfo("out.tif").absolutePath());
+    Fake(50 * 1024 * 1024);
+    EXPECT_FALSE(EnoughFreeSpace("sub/out.tif", 0)) << "a nearly full disk refuses even an empty output";
+}
+
+TEST_F(FreeSpace, PathsStartingWithASlashOrBackslashAreNotChecked)
+{
+    Fake(0);
+    EXPECT_TRUE(EnoughFreeSpace("/data/out.tif", 1e12));
+    EXPECT_TRUE(EnoughFreeSpace("\\\\server\\share\\out.tif", 1e12));
+    EXPECT_FALSE(EnoughFreeSpace("./out.tif", 1));
+}
+
+TEST(FreeSpaceQueryDefault, AsksTheRealFileSystem)
+{
+    EXPECT_GT(FreeSpaceSeam()(QString::fromStdString(std::filesystem::temp_directory_path().string())), 0u);
+}
+
+} // namespace
