@@ -1,0 +1,30 @@
+#pragma once
+#include "frame/PCARecords.h"
+#include "frame/stTransInfo.h"
+
+#include <QString>
+#include <boost/any.hpp>
+#include <string>
+#include <vector>
+
+// What one command line asks for, after every check that can be made before the plug-in runs.
+struct Request {
+    std::string command;
+    boost::any record;        // stTransInfo, stForwardPCAInfo or stInversePCAInfo
+    bool quiet = false;
+    bool statsOnly = false;   // pca -stats-only: print the eigenvalue table afterwards
+    std::string pluginPath;   // empty: beside the executable, then ../lib
+};
+
+// Outcome of parsing: run the request, print text and leave with a status, or a usage error.
+struct ParseResult {
+    enum Kind { Run, Done, UsageError } kind = UsageError;
+    Request request;
+    std::string text;         // help/version text (Done) or the one-line problem (UsageError)
+    std::string hint;         // how to get help, for usage errors
+};
+
+ParseResult ParseCommandLine(const std::vector<std::string>& args);
+
+// GDAL pixel type name -> 0-based index (Byte 0 .. Float64 6), -1 when unknown.
+int PixelTypeIndex(const std::string& name);

@@ -1,0 +1,212 @@
+// tavtransform: parses a command line into a parameter record, loads the plug-in the way a host
+// does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
+#include "CommandLine.h"
+#include "TermProgress.h"
+
+#include "OrvAlgo/IOrvAlgo.h"
+#include "OrvDataSource/GdalErrors.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+enum ExitStatus { kOk = 0, kFailed = 1, kUsage = 2, kInterrupted = 130 };
+
+using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
+
+std::string ExecutableDir()
+{
+    std::error_code ec;
+    const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? std::string(".") : self.parent_path().string();
+}
+
+// Beside the executable first, then the installed layout's ../lib.
+std::vector<std::string> PluginCandidates(const std::string& overridePath)
+{
+    if (!overridePath.empty())
+        return {overridePath};
+    const std::string dir = ExecutableDir();
+    return {dir + "/libTavTransformFunc.so", dir + "/../lib/libTavTransformFunc.so"};
+}
+
+struct Plugin {
+    void* handle = nullptr;
+    GetAlgoObjFn create = nullptr;
+    std::string error;
+};
+
+Plugin LoadPlugin(const std::string& overridePath)
+{
+    Plugin p;
+    for (const std::string& path : PluginCandidates(overridePath)) {
+        std::error_code ec;
+        if (!fs::exists(path, ec)) {
+            p.error += "  not found: " + path + "\n";
+            continue;
+        }
+        p.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!p.handle) {
+            p.error += std::string("  ") + dlerror() + "\n";
+            continue;
+        }
+        p.create = reinterpret_cast<GetAlgoObjFn>(dlsym(p.handle, "GetAlgoObj"));
+        if (p.create)
+            return p;
+        p.error += "  " + path + " has no GetAlgoObj\n";
+        dlclose(p.handle);
+        p.handle = nullptr;
+    }
+    return p;
+}
+
+std::string DescribeCode(int code)
+{
+    switch (code) {
+    case 1: return "the transform failed";
+    case 2: return "the input could not be opened";
+    case 100: return "no parameters were given";
+    case -1010: return "the run was cancelled";
+    default: return "the transform failed";
+    }
+}
+
+// Waits for SIGINT/SIGTERM on its own thread, so Terminate never runs inside a signal handler.
+class SignalWatcher {
+public:
+    explicit SignalWatcher(OrvAlgo::IOrvAlgo* algo) : m_algo(algo)
+    {
+        m_thread = std::thread([this] { Watch(); });
+    }
+    ~SignalWatcher()
+    {
+        pthread_kill(m_thread.native_handle(), SIGUSR1);
+        m_thread.join();
+    }
+    bool Interrupted() const { return m_interrupted.load(); }
+
+    // Called before any thread starts, so every thread inherits the blocked set.
+    static void BlockSignals()
+    {
+        sigset_t set = Set();
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    }
+
+private:
+    static sigset_t Set()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGUSR1);
+        return set;
+    }
+    void Watch()
+    {
+        const sigset_t set = Set();
+        for (;;) {
+            int sig = 0;
+            if (sigwait(&set, &sig) != 0 || sig == SIGUSR1)
+                return;
+            m_interrupted = true;
+            m_algo->Terminate();
+        }
+    }
+
+    OrvAlgo::IOrvAlgo* m_algo;
+    std::atomic<bool> m_interrupted{false};
+    std::thread m_thread;
+};
+
+void PrintEigenTable(const boost::any& params)
+{
+    const auto* info = boost::any_cast<stForwardPCAInfo>(&params);
+    if (!info)
+        return;
+    std::printf("%-10s %16s %14s %14s\n", "component", "eigenvalue", "percent", "cumulative");
+    for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
+        std::printf("%-10zu %16.6f %14.4f %14.4f\n", i + 1, info->vecEigenValues[i],
+                    i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
+                    i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0);
+}
+
+int Run(const Request& req)
+{
+    Plugin plugin = LoadPlugin(req.pluginPath);
+    if (!plugin.create) {
+        std::fprintf(stderr, "ERROR: cannot load the TavTransformFunc plug-in:\n%s", plugin.error.c_str());
+        return kFailed;
+    }
+    std::unique_ptr<OrvAlgo::IOrvAlgo> algo(plugin.create());
+    OrvAlgo::ProgressSignal signal;
+    TermProgress progress(stderr);
+    if (!req.quiet)
+        signal.connect([&progress](double p, const QString& m, void*) {
+            progress.Update(p, m);
+            return 1;
+        });
+    algo->SetProgressSignal(&signal);
+    algo->SetParams(req.record);
+
+    bool ok = false;
+    bool interrupted = false;
+    OrvDataSource::ClearGdalError();
+    {
+        SignalWatcher watcher(algo.get());
+        ok = algo->Execute();
+        interrupted = watcher.Interrupted();
+    }
+    if (!req.quiet)
+        progress.Finish();
+    if (ok && req.statsOnly)
+        PrintEigenTable(algo->GetParams());
+
+    int code = 0;
+    QString text;
+    algo->GetErrorInfo(code, text);
+    algo.reset();
+    // The plug-in stays loaded: GDAL may still hold objects it made until exit.
+    if (interrupted) {
+        std::fprintf(stderr, "Interrupted; the partial output was removed.\n");
+        return kInterrupted;
+    }
+    if (ok)
+        return kOk;
+    std::fprintf(stderr, "ERROR %d: %s\n", code,
+                 text.isEmpty() ? DescribeCode(code).c_str() : text.toLocal8Bit().constData());
+    const OrvDataSource::GdalError gdal = OrvDataSource::LastGdalError();
+    if (!gdal.strMessage.isEmpty())
+        std::fprintf(stderr, "  GDAL: %s\n", gdal.strMessage.toLocal8Bit().constData());
+    return kFailed;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    SignalWatcher::BlockSignals();
+    const ParseResult parsed = ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    switch (parsed.kind) {
+    case ParseResult::Done:
+        std::fputs(parsed.text.c_str(), stdout);
+        return kOk;
+    case ParseResult::UsageError:
+        std::fprintf(stderr, "tavtransform: %s\n%s\n", parsed.text.c_str(), parsed.hint.c_str());
+        return kUsage;
+    case ParseResult::Run:
+        break;
+    }
+    return Run(parsed.request);
+}
