@@ -154,7 +154,9 @@ int Run(const Request& req)
     TermProgress progress(stderr);
     if (!req.quiet)
         signal.connect([&progress](double p, const QString& m, void*) {
-            progress.Update(p, m);
+            // The closing 100 comes after failures too; the bar ends only when the run succeeded.
+            if (p < 100.0 || !m.isEmpty())
+                progress.Update(p, m);
             return 1;
         });
     algo->SetProgressSignal(&signal);
@@ -168,8 +170,11 @@ int Run(const Request& req)
         ok = algo->Execute();
         interrupted = watcher.Interrupted();
     }
-    if (!req.quiet)
+    if (!req.quiet) {
+        if (ok)
+            progress.Update(100.0, QString());
         progress.Finish();
+    }
     if (ok && req.statsOnly)
         PrintEigenTable(algo->GetParams());
 

@@ -14,6 +14,7 @@ function(orv_add_test name)
   add_executable(${name} ${T_SOURCES})
   orv_settings(${name})
   target_link_libraries(${name} PRIVATE ${T_LIBS} tav_test_support GTest::gtest GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120
-    PROPERTIES ENVIRONMENT "TAV_BIN_DIR=${CMAKE_BINARY_DIR}/bin;TAV_LIB_DIR=${CMAKE_BINARY_DIR}/lib")
+  # Some suites drive the command-line host and its plug-in.
+  add_dependencies(${name} tavtransform TavTransformFunc)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 120)
 endfunction()
