@@ -8,6 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
+
+// The 32-byte vector helpers below are always inlined; the note about their calling
+// convention on pre-AVX targets does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace {
 
@@ -169,15 +174,23 @@ bool layoutStockham(Stockham<T>& P, int n, int sign, Arena<T>& arena)
 
 // ---------------------------------------------------------------------------------------
 // Butterflies: out_k = sum_j a_j exp(S*2*pi*i*j*k/R), in place on a[] (S = +1 or -1).
+// E is a scalar or a vector of floats, K the scalar type of the constants.
 
-template <class T, int R, int S>
+template <int S, class E>
+inline __attribute__((always_inline)) E sgn(E x)
+{
+    if constexpr (S > 0) return x;
+    else return -x;
+}
+
+template <class E, class K, int R, int S>
 struct Butterfly;
 
-template <class T, int S>
-struct Butterfly<T, 2, S> {
-    static inline __attribute__((always_inline)) void run(T* r, T* i)
+template <class E, class K, int S>
+struct Butterfly<E, K, 2, S> {
+    static inline __attribute__((always_inline)) void run(E* r, E* i)
     {
-        const T r0 = r[0], i0 = i[0];
+        const E r0 = r[0], i0 = i[0];
         r[0] = r0 + r[1];
         i[0] = i0 + i[1];
         r[1] = r0 - r[1];
@@ -185,14 +198,15 @@ struct Butterfly<T, 2, S> {
     }
 };
 
-template <class T, int S>
-struct Butterfly<T, 3, S> {
-    static inline __attribute__((always_inline)) void run(T* r, T* i)
+template <class E, class K, int S>
+struct Butterfly<E, K, 3, S> {
+    static inline __attribute__((always_inline)) void run(E* r, E* i)
     {
-        const T h = static_cast<T>(S * 0.86602540378443864676);
-        const T tr = r[1] + r[2], ti = i[1] + i[2];
-        const T mr = r[0] - T(0.5) * tr, mi = i[0] - T(0.5) * ti;
-        const T dr = h * (r[1] - r[2]), di = h * (i[1] - i[2]);
+        const K h = static_cast<K>(S * 0.86602540378443864676);
+        const K half = static_cast<K>(0.5);
+        const E tr = r[1] + r[2], ti = i[1] + i[2];
+        const E mr = r[0] - half * tr, mi = i[0] - half * ti;
+        const E dr = h * (r[1] - r[2]), di = h * (i[1] - i[2]);
         r[0] += tr;
         i[0] += ti;
         r[1] = mr - di;
@@ -202,43 +216,43 @@ struct Butterfly<T, 3, S> {
     }
 };
 
-template <class T, int S>
-struct Butterfly<T, 4, S> {
-    static inline __attribute__((always_inline)) void run(T* r, T* i)
+template <class E, class K, int S>
+struct Butterfly<E, K, 4, S> {
+    static inline __attribute__((always_inline)) void run(E* r, E* i)
     {
-        const T t0r = r[0] + r[2], t0i = i[0] + i[2];
-        const T t1r = r[0] - r[2], t1i = i[0] - i[2];
-        const T t2r = r[1] + r[3], t2i = i[1] + i[3];
-        const T t3r = r[1] - r[3], t3i = i[1] - i[3];
+        const E t0r = r[0] + r[2], t0i = i[0] + i[2];
+        const E t1r = r[0] - r[2], t1i = i[0] - i[2];
+        const E t2r = r[1] + r[3], t2i = i[1] + i[3];
+        const E t3r = r[1] - r[3], t3i = i[1] - i[3];
         r[0] = t0r + t2r;
         i[0] = t0i + t2i;
         r[2] = t0r - t2r;
         i[2] = t0i - t2i;
         // S*i*t3 = (-S*t3i, S*t3r)
-        r[1] = t1r - S * t3i;
-        i[1] = t1i + S * t3r;
-        r[3] = t1r + S * t3i;
-        i[3] = t1i - S * t3r;
+        r[1] = t1r - sgn<S>(t3i);
+        i[1] = t1i + sgn<S>(t3r);
+        r[3] = t1r + sgn<S>(t3i);
+        i[3] = t1i - sgn<S>(t3r);
     }
 };
 
-template <class T, int S>
-struct Butterfly<T, 5, S> {
-    static inline __attribute__((always_inline)) void run(T* r, T* i)
+template <class E, class K, int S>
+struct Butterfly<E, K, 5, S> {
+    static inline __attribute__((always_inline)) void run(E* r, E* i)
     {
-        const T c1 = static_cast<T>(0.30901699437494742410);   // cos 72
-        const T c2 = static_cast<T>(-0.80901699437494742410);  // cos 144
-        const T s1 = static_cast<T>(S * 0.95105651629515357212);
-        const T s2 = static_cast<T>(S * 0.58778525229247312917);
-        const T t1r = r[1] + r[4], t1i = i[1] + i[4];
-        const T t2r = r[2] + r[3], t2i = i[2] + i[3];
-        const T d1r = r[1] - r[4], d1i = i[1] - i[4];
-        const T d2r = r[2] - r[3], d2i = i[2] - i[3];
-        const T m1r = r[0] + c1 * t1r + c2 * t2r, m1i = i[0] + c1 * t1i + c2 * t2i;
-        const T m2r = r[0] + c2 * t1r + c1 * t2r, m2i = i[0] + c2 * t1i + c1 * t2i;
+        const K c1 = static_cast<K>(0.30901699437494742410);   // cos 72
+        const K c2 = static_cast<K>(-0.80901699437494742410);  // cos 144
+        const K s1 = static_cast<K>(S * 0.95105651629515357212);
+        const K s2 = static_cast<K>(S * 0.58778525229247312917);
+        const E t1r = r[1] + r[4], t1i = i[1] + i[4];
+        const E t2r = r[2] + r[3], t2i = i[2] + i[3];
+        const E d1r = r[1] - r[4], d1i = i[1] - i[4];
+        const E d2r = r[2] - r[3], d2i = i[2] - i[3];
+        const E m1r = r[0] + c1 * t1r + c2 * t2r, m1i = i[0] + c1 * t1i + c2 * t2i;
+        const E m2r = r[0] + c2 * t1r + c1 * t2r, m2i = i[0] + c2 * t1i + c1 * t2i;
         // n1 = i*(s1*d1 + s2*d2), n2 = i*(s2*d1 - s1*d2)
-        const T n1r = -(s1 * d1i + s2 * d2i), n1i = s1 * d1r + s2 * d2r;
-        const T n2r = -(s2 * d1i - s1 * d2i), n2i = s2 * d1r - s1 * d2r;
+        const E n1r = -(s1 * d1i + s2 * d2i), n1i = s1 * d1r + s2 * d2r;
+        const E n2r = -(s2 * d1i - s1 * d2i), n2i = s2 * d1r - s1 * d2r;
         r[0] += t1r + t2r;
         i[0] += t1i + t2i;
         r[1] = m1r + n1r;
@@ -252,19 +266,19 @@ struct Butterfly<T, 5, S> {
     }
 };
 
-template <class T, int S>
-struct Butterfly<T, 8, S> {
-    static inline __attribute__((always_inline)) void run(T* r, T* i)
+template <class E, class K, int S>
+struct Butterfly<E, K, 8, S> {
+    static inline __attribute__((always_inline)) void run(E* r, E* i)
     {
-        T er[4] = {r[0], r[2], r[4], r[6]}, ei[4] = {i[0], i[2], i[4], i[6]};
-        T orr[4] = {r[1], r[3], r[5], r[7]}, oi[4] = {i[1], i[3], i[5], i[7]};
-        Butterfly<T, 4, S>::run(er, ei);
-        Butterfly<T, 4, S>::run(orr, oi);
-        const T h = static_cast<T>(0.70710678118654752440);
+        E er[4] = {r[0], r[2], r[4], r[6]}, ei[4] = {i[0], i[2], i[4], i[6]};
+        E orr[4] = {r[1], r[3], r[5], r[7]}, oi[4] = {i[1], i[3], i[5], i[7]};
+        Butterfly<E, K, 4, S>::run(er, ei);
+        Butterfly<E, K, 4, S>::run(orr, oi);
+        const K h = static_cast<K>(0.70710678118654752440);
         // w8 = (1 + S*i)/sqrt2, w8^2 = S*i, w8^3 = (-1 + S*i)/sqrt2
-        const T o1r = h * (orr[1] - S * oi[1]), o1i = h * (oi[1] + S * orr[1]);
-        const T o2r = -S * oi[2], o2i = S * orr[2];
-        const T o3r = -h * (orr[3] + S * oi[3]), o3i = h * (S * orr[3] - oi[3]);
+        const E o1r = h * (orr[1] - sgn<S>(oi[1])), o1i = h * (oi[1] + sgn<S>(orr[1]));
+        const E o2r = -sgn<S>(oi[2]), o2i = sgn<S>(orr[2]);
+        const E o3r = -h * (orr[3] + sgn<S>(oi[3])), o3i = h * (sgn<S>(orr[3]) - oi[3]);
         r[0] = er[0] + orr[0];
         i[0] = ei[0] + oi[0];
         r[4] = er[0] - orr[0];
@@ -303,7 +317,7 @@ inline __attribute__((always_inline)) void radixLoop(int len, const T* __restric
             ar[j] = xr[q + j * jstr];
             ai[j] = xi[q + j * jstr];
         }
-        Butterfly<T, R, S>::run(ar, ai);
+        Butterfly<T, T, R, S>::run(ar, ai);
         const std::size_t o = P ? static_cast<std::size_t>(q) * R : static_cast<std::size_t>(q);
         yr[o] = ar[0];
         yi[o] = ai[0];
@@ -321,22 +335,146 @@ inline __attribute__((always_inline)) void radixLoop(int len, const T* __restric
     }
 }
 
+// Explicit 8-lane vectors for the float path: one AVX register on the AVX2 clone, a pair of
+// SSE registers on the baseline.
+using V = float __attribute__((vector_size(32)));
+using VI = int __attribute__((vector_size(32)));
+constexpr int kLanes = 8;
+
+inline __attribute__((always_inline)) V loadV(const float* p)
+{
+    V v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+inline __attribute__((always_inline)) void storeV(float* p, V v)
+{
+    std::memcpy(p, &v, sizeof v);
+}
+
+inline __attribute__((always_inline)) V zipLo(V a, V b)
+{
+    return __builtin_shuffle(a, b, VI{0, 8, 1, 9, 2, 10, 3, 11});
+}
+
+inline __attribute__((always_inline)) V zipHi(V a, V b)
+{
+    return __builtin_shuffle(a, b, VI{4, 12, 5, 13, 6, 14, 7, 15});
+}
+
+// Turns R vectors v[k][i] into R consecutive vectors holding element R*i + k = v[k][i].
+template <int R>
+inline __attribute__((always_inline)) void interleave(V* v)
+{
+    for (int round = 1; round < R; round *= 2) {
+        V t[R];
+        for (int k = 0; k < R / 2; ++k) {
+            t[2 * k] = zipLo(v[k], v[k + R / 2]);
+            t[2 * k + 1] = zipHi(v[k], v[k + R / 2]);
+        }
+        for (int k = 0; k < R; ++k) v[k] = t[k];
+    }
+}
+
+// Q form on floats, eight sub-transforms at a time; the remainder goes through the scalar loop.
+template <int R, int S, bool TW>
+inline __attribute__((always_inline)) void qLoopFloat(int len, const float* xr, const float* xi,
+                                                      std::size_t jstr, float* yr, float* yi,
+                                                      std::size_t kstr, const float* twr,
+                                                      const float* twi, std::size_t twk)
+{
+    float wr[R], wi[R];
+    if (TW)
+        for (int k = 1; k < R; ++k) {
+            wr[k] = twr[(k - 1) * twk];
+            wi[k] = twi[(k - 1) * twk];
+        }
+    int q = 0;
+    for (; q + kLanes <= len; q += kLanes) {
+        V ar[R], ai[R];
+        for (int j = 0; j < R; ++j) {
+            ar[j] = loadV(xr + q + j * jstr);
+            ai[j] = loadV(xi + q + j * jstr);
+        }
+        Butterfly<V, float, R, S>::run(ar, ai);
+        storeV(yr + q, ar[0]);
+        storeV(yi + q, ai[0]);
+        for (int k = 1; k < R; ++k) {
+            if (TW) {
+                storeV(yr + q + k * kstr, ar[k] * wr[k] - ai[k] * wi[k]);
+                storeV(yi + q + k * kstr, ar[k] * wi[k] + ai[k] * wr[k]);
+            } else {
+                storeV(yr + q + k * kstr, ar[k]);
+                storeV(yi + q + k * kstr, ai[k]);
+            }
+        }
+    }
+    if (q < len)
+        radixLoop<float, R, S, false, TW>(len - q, xr + q, xi + q, jstr, yr + q, yi + q, kstr, twr,
+                                          twi, twk);
+}
+
+// First stage (stride 1) on floats for R = 2, 4, 8: eight butterflies at a time, their
+// outputs interleaved in registers so every store is a full vector.
+template <int R, int S>
+inline __attribute__((always_inline)) void pLoopFloat(int m, const float* xr, const float* xi,
+                                                      float* yr, float* yi, const float* twr,
+                                                      const float* twi)
+{
+    int p = 0;
+    for (; p + kLanes <= m; p += kLanes) {
+        V ar[R], ai[R];
+        for (int j = 0; j < R; ++j) {
+            ar[j] = loadV(xr + p + j * m);
+            ai[j] = loadV(xi + p + j * m);
+        }
+        Butterfly<V, float, R, S>::run(ar, ai);
+        for (int k = 1; k < R; ++k) {
+            const V wr = loadV(twr + (k - 1) * m + p), wi = loadV(twi + (k - 1) * m + p);
+            const V tr = ar[k] * wr - ai[k] * wi;
+            ai[k] = ar[k] * wi + ai[k] * wr;
+            ar[k] = tr;
+        }
+        interleave<R>(ar);
+        interleave<R>(ai);
+        for (int k = 0; k < R; ++k) {
+            storeV(yr + R * p + kLanes * k, ar[k]);
+            storeV(yi + R * p + kLanes * k, ai[k]);
+        }
+    }
+    if (p < m)
+        radixLoop<float, R, S, true, true>(m - p, xr + p, xi + p, m, yr + R * p, yi + R * p, 1,
+                                           twr + p, twi + p, m);
+}
+
 template <class T, int R, int S>
 inline __attribute__((always_inline)) void radixStage(const Stage<T>& st, const T* xr,
                                                       const T* xi, T* yr, T* yi)
 {
     const int m = st.m, s = st.s;
     const std::size_t sm = static_cast<std::size_t>(s) * m;
+    constexpr bool vec = std::is_same_v<T, float>;
     if (s == 1) {
-        radixLoop<T, R, S, true, true>(m, xr, xi, m, yr, yi, 1, st.twr, st.twi, m);
+        if constexpr (vec && (R == 2 || R == 4 || R == 8))
+            pLoopFloat<R, S>(m, xr, xi, yr, yi, st.twr, st.twi);
+        else
+            radixLoop<T, R, S, true, true>(m, xr, xi, m, yr, yi, 1, st.twr, st.twi, m);
         return;
     }
-    radixLoop<T, R, S, false, false>(s, xr, xi, sm, yr, yi, s, nullptr, nullptr, 0);
+    if constexpr (vec)
+        qLoopFloat<R, S, false>(s, xr, xi, sm, yr, yi, s, nullptr, nullptr, 0);
+    else
+        radixLoop<T, R, S, false, false>(s, xr, xi, sm, yr, yi, s, nullptr, nullptr, 0);
     for (int p = 1; p < m; ++p) {
         const std::size_t in = static_cast<std::size_t>(s) * p;
         const std::size_t out = in * R;
-        radixLoop<T, R, S, false, true>(s, xr + in, xi + in, sm, yr + out, yi + out, s,
-                                        st.twr + p, st.twi + p, m);
+        if constexpr (vec)
+            qLoopFloat<R, S, true>(s, xr + in, xi + in, sm, yr + out, yi + out, s, st.twr + p,
+                                   st.twi + p, m);
+        else
+            radixLoop<T, R, S, false, true>(s, xr + in, xi + in, sm, yr + out, yi + out, s,
+                                            st.twr + p, st.twi + p, m);
     }
 }
 
