@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <cpl_conv.h>
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
@@ -39,7 +40,9 @@ DatasetFactory::DatasetFactory()
 {
     InstallGdalErrorHandler();
     GDALAllRegister();
-    GDALSetCacheMax64(kBlockCacheBytes);
+    // GDAL_CACHEMAX, when the user sets it, wins as in every GDAL tool.
+    if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
+        GDALSetCacheMax64(kBlockCacheBytes);
 }
 
 DatasetFactory* DatasetFactory::Instance()

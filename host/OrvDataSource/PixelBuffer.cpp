@@ -28,8 +28,8 @@ PixelBuffer::PixelBuffer(PixelDataType type, int width, int height, int bandCoun
     if (width < 0 || height < 0 || bandCount < 0)
         return;
     m_bytes = static_cast<std::size_t>(PixelTypeSize(type)) * width * height * bandCount;
-    // Zero-filled, so a failed read still hands the caller defined pixels.
-    m_data.reset(new (std::nothrow) std::byte[m_bytes ? m_bytes : 1]());
+    // Left uninitialised: a read fills it, and a failed read zero-fills it.
+    m_data.reset(new (std::nothrow) std::byte[m_bytes ? m_bytes : 1]);
     if (!m_data)
         m_bytes = 0;
 }
