@@ -720,6 +720,11 @@ FftPlan* buildPlan(int n, int sign)
     int radices[kMaxStages];
     int count = 0;
     plan->chirp = !chooseRadices(n, radices, count);
+    // The convolution needs about twice the length; beyond 2^30 points it cannot be indexed.
+    if (plan->chirp && n > (1 << 29)) {
+        delete plan;
+        return nullptr;
+    }
     Arena<float> measure;
     layoutPlan(*plan, measure);
     plan->mem = alignedAlloc(sizeof(float) * measure.used);
