@@ -1,0 +1,42 @@
+// tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT row by row
+// and writes OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
+#include <gdal_priv.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+int main(int argc, char** argv)
+{
+    if (argc != 4) {
+        std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS\n");
+        return 2;
+    }
+    GDALAllRegister();
+    // The same block cache the host libraries use, so the comparison is of the work, not the cache.
+    if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
+        GDALSetCacheMax64(8LL * 1024 * 1024);
+    GDALDataset* in = GDALDataset::Open(argv[1], GDAL_OF_RASTER | GDAL_OF_READONLY);
+    if (!in)
+        return 1;
+    const int w = in->GetRasterXSize(), h = in->GetRasterYSize(), nin = in->GetRasterCount();
+    const int nout = std::atoi(argv[3]);
+    GDALDataset* out = GetGDALDriverManager()->GetDriverByName("GTiff")->Create(argv[2], w, h, nout, GDT_Float32, nullptr);
+    if (!out)
+        return 1;
+    double gt[6];
+    if (in->GetGeoTransform(gt) == CE_None)
+        out->SetGeoTransform(gt);
+    std::vector<float> row(static_cast<size_t>(w) * nin);
+    for (int y = 0; y < h; ++y) {
+        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+            return 1;
+        for (int b = 0; b < nout; ++b)
+            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, 1, row.data() + static_cast<size_t>(b % nin) * w,
+                                                    w, 1, GDT_Float32, 0, 0, nullptr) != CE_None)
+                return 1;
+    }
+    GDALClose(out);
+    GDALClose(in);
+    return 0;
+}
