@@ -22,11 +22,12 @@ public:
 private:
     // Every step returns false after leaving its reason: the cancelled exit or a failure text.
     bool SelectBands(std::vector<int>& bands, int bandCount);
-    bool ReadAndTransformRows(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, long long unitsBefore,
+    static RasterPtr OpenBlockReader(const QString& input);
+    // bandNumber and realBandNumber are 1-based; the imaginary band follows the real one.
+    bool ReadAndTransformRows(const QString& input, int bandNumber, FftBandBlocks& blocks, long long unitsBefore,
                               long long unitsTotal, const QString& message);
-    bool UncentreConjugated(OrvDataSource::RasterBand& realBand, OrvDataSource::RasterBand& imagBand,
-                            FftBandBlocks& blocks, long long unitsBefore, long long unitsTotal,
-                            const QString& message);
+    bool UncentreConjugated(const QString& input, int realBandNumber, FftBandBlocks& blocks, long long unitsBefore,
+                            long long unitsTotal, const QString& message);
     bool TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, long long unitsBefore,
                             long long unitsTotal, const QString& message);
     bool TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling);
