@@ -5,9 +5,13 @@
 class WaveletTransformFunc : public TransWorker {
 public:
     using TransWorker::TransWorker;
-    // bands: 0-based band indices (null = all); a negative first column or row means the whole image.
+    // Every band (or the 0-based band indices listed) of the window becomes one Float32 band of
+    // quadrants: LL top left, horizontal detail top right, vertical bottom left, diagonal bottom right.
+    // A negative first column or row means the whole image; the bounds are inclusive.
     bool Forward(const QString& input, const QString& output, const QString& format, const int* bands,
                  int bandCount, int firstCol, int lastCol, int firstRow, int lastRow);
+    // Rebuilds the bands from Forward's quadrants into `pixelType` (1..7). Columns are synthesised into
+    // the temporary raster, rows from it; `memoryBudget` bytes bound the columns or rows per chunk.
     bool Inverse(const QString& input, const QString& output, const QString& format, int pixelType,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow,
                  long long memoryBudget);
