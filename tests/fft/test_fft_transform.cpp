@@ -11,6 +11,7 @@
 #include <complex>
 #include <cstring>
 #include <numbers>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -55,8 +56,7 @@ Plane CentredSpectrum(int band, int width, int height)
             Complex sum = 0;
             for (int y = 0; y < height; ++y)
                 for (int x = 0; x < width; ++x)
-                    sum += Pixel(band, x, y) * Twiddle(static_cast<long long>(u) * x, width, +1) *
-                           Twiddle(static_cast<long long>(v) * y, height, +1);
+                    sum += Pixel(band, x, y) * Twiddle(1LL * u * x, width, +1) * Twiddle(1LL * v * y, height, +1);
             sum /= static_cast<double>(width) * height;
             const int at = ((v + height / 2) % height) * width + (u + width / 2) % width;
             out.re[at] = sum.real();
@@ -77,8 +77,8 @@ std::vector<double> InverseOfCentred(const Plane& s)
             Complex sum = 0;
             for (int v = 0; v < h; ++v)
                 for (int u = 0; u < w; ++u)
-                    sum += std::conj(s.at((u + w / 2) % w, (v + h / 2) % h)) *
-                           Twiddle(static_cast<long long>(u) * x, w, -1) * Twiddle(static_cast<long long>(v) * y, h, -1);
+                    sum += std::conj(s.at((u + w / 2) % w, (v + h / 2) % h)) * Twiddle(1LL * u * x, w, -1) *
+                           Twiddle(1LL * v * y, h, -1);
             out[y * w + x] = sum.real();
         }
     }
@@ -125,6 +125,7 @@ stTransInfo InverseRecord(const std::string& in, const std::string& out, int typ
 
 struct ForwardCase {
     const char* name;
+    friend void PrintTo(const ForwardCase& c, std::ostream* os) { *os << c.name; }
     int width, height;
     std::vector<int> bands; // 1-based; empty = all three
 };
@@ -170,6 +171,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct CentreCase {
     int width, height;
+    friend void PrintTo(const CentreCase& c, std::ostream* os) { *os << c.width << "x" << c.height; }
     int column, row; // where the zero frequency lands, worked out by hand
 };
 
@@ -181,7 +183,8 @@ TEST_P(ConstantImage, PutsItsValueOnTheCentreAndZeroElsewhere)
     const CentreCase c = GetParam();
     const double v = 37.25;
     TempDir dir;
-    const std::string in = WriteImage(dir, "in.tif", c.width, c.height, 1, GDT_Float32, [&](int, int, int) { return v; });
+    const std::string in =
+        WriteImage(dir, "in.tif", c.width, c.height, 1, GDT_Float32, [&](int, int, int) { return v; });
     AlgoHarness h;
     ASSERT_TRUE(h.Run(ForwardRecord(in, dir.file("out.tif"), {1})));
     const auto re = tavtest::ReadBand(dir.file("out.tif"), 1);
@@ -207,6 +210,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, ConstantImage,
 
 struct InverseCase {
     const char* name;
+    friend void PrintTo(const InverseCase& c, std::ostream* os) { *os << c.name; }
     int width, height;
     int inputBands; // an odd last band has no partner
 };
@@ -237,13 +241,15 @@ TEST_P(InverseImage, MatchesTheDirectConjugateSum)
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, InverseImage,
-                         ::testing::Values(InverseCase{"FourByFour", 4, 4, 2}, InverseCase{"ThreeBandsGiveOne", 5, 3, 3},
-                                           InverseCase{"FiveBandsGiveTwo", 3, 8, 5},
-                                           InverseCase{"OneByOne", 1, 1, 2}, InverseCase{"ThirtyFiveByFour", 35, 4, 2}),
+                         ::testing::Values(InverseCase{"FourByFour", 4, 4, 2},
+                                           InverseCase{"ThreeBandsGiveOne", 5, 3, 3},
+                                           InverseCase{"FiveBandsGiveTwo", 3, 8, 5}, InverseCase{"OneByOne", 1, 1, 2},
+                                           InverseCase{"ThirtyFiveByFour", 35, 4, 2}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 struct SizeCase {
     int width, height;
+    friend void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.width << "x" << c.height; }
 };
 
 class RoundTrip : public ::testing::TestWithParam<SizeCase> {};
@@ -289,7 +295,7 @@ TEST(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
     for (int y = 0; y < hgt; ++y) {
         for (int x = 0; x < w; ++x) {
             const int u = (x - w / 2 + w) % w, vv = (y - hgt / 2 + hgt) % hgt;
-            const Complex want = Twiddle(static_cast<long long>(u) * x0, w, +1) * Twiddle(static_cast<long long>(vv) * y0, hgt, +1);
+            const Complex want = Twiddle(1LL * u * x0, w, +1) * Twiddle(1LL * vv * y0, hgt, +1);
             const size_t at = static_cast<size_t>(y) * w + x;
             worst = std::max({worst, std::abs(re[at] - want.real()), std::abs(im[at] - want.imag())});
         }
@@ -312,6 +318,7 @@ TEST(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
 
 struct DeclaredTypeCase {
     const char* name;
+    friend void PrintTo(const DeclaredTypeCase& c, std::ostream* os) { *os << c.name; }
     int typeIndex;
     GDALDataType type;
     std::vector<double> firstPixels; // what the bytes of 1.0f (00 00 80 3F) read as under the type
@@ -351,7 +358,8 @@ INSTANTIATE_TEST_SUITE_P(
                       DeclaredTypeCase{"Int32", 4, GDT_Int32, std::vector<double>(8, 1065353216.0)},
                       DeclaredTypeCase{"Float32", 5, GDT_Float32, std::vector<double>(8, 1.0)},
                       DeclaredTypeCase{"Float64", 6, GDT_Float64,
-                                       {kTwoOnesAsDouble, kTwoOnesAsDouble, kTwoOnesAsDouble, kTwoOnesAsDouble, 0, 0, 0, 0}}),
+                                       {kTwoOnesAsDouble, kTwoOnesAsDouble, kTwoOnesAsDouble, kTwoOnesAsDouble, //
+                                        0, 0, 0, 0}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
@@ -359,6 +367,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct ProgressCase {
     const char* name;
+    friend void PrintTo(const ProgressCase& c, std::ostream* os) { *os << c.name; }
     bool forward;
     int width, height, bands;
     std::vector<double> percents; // worked out by hand from the pass formulas, Execute's 0 and 100 included
@@ -372,7 +381,8 @@ TEST_P(ProgressReports, FollowTheWorkUnitsOfEachPass)
     TempDir dir;
     const std::string in = WriteImage(dir, "in.tif", c.width, c.height, c.bands, GDT_Float32, Pixel);
     AlgoHarness h;
-    ASSERT_TRUE(h.Run(c.forward ? ForwardRecord(in, dir.file("out.tif"), {}) : InverseRecord(in, dir.file("out.tif"), 5)));
+    const std::string out = dir.file("out.tif");
+    ASSERT_TRUE(h.Run(c.forward ? ForwardRecord(in, out, {}) : InverseRecord(in, out, 5)));
     const auto got = h.Percents();
     ASSERT_EQ(got.size(), c.percents.size());
     for (size_t i = 0; i < got.size(); ++i)
@@ -406,6 +416,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct CancelCase {
     const char* name;
+    friend void PrintTo(const CancelCase& c, std::ostream* os) { *os << c.name; }
     bool forward;
     int width, height;
     int triggerReport;       // index among the run's reports, Execute's 0 being report 0
@@ -459,6 +470,7 @@ enum class Input { Good, Wide, OneBand, Missing, NotARaster };
 
 struct RefusalCase {
     const char* name;
+    friend void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
     bool forward;
     Input input;
     std::vector<int> bands;
@@ -486,7 +498,8 @@ TEST_P(Refusal, FailsWithAClearTextAndCreatesNothing)
 
     AlgoHarness h;
     TavTransFFTFuncNew worker(&h.algo());
-    const bool ok = c.forward ? worker.ForwardRun(qin, qout, "GTiff", c.bands) : worker.InverseRun(qin, qout, c.typeIndex, "GTiff");
+    const bool ok = c.forward ? worker.ForwardRun(qin, qout, "GTiff", c.bands)
+                              : worker.InverseRun(qin, qout, c.typeIndex, "GTiff");
     EXPECT_FALSE(ok);
     EXPECT_TRUE(worker.ErrorText().contains(c.textPart)) << worker.ErrorText().toStdString();
     EXPECT_FALSE(Exists(out)) << "nothing is created before the refusal";
