@@ -52,7 +52,8 @@ struct Window {
     int x0 = 0, y0 = 0, w = 0, h = 0;
 };
 
-// A negative first column or row selects the whole image whatever the other bounds say.
+// A negative first column or row selects the whole image whatever the other bounds say. A window
+// reaching outside the image fails, like a band list that does not fit, without a text.
 bool ResolveWindow(int width, int height, int firstCol, int lastCol, int firstRow, int lastRow, Window& win)
 {
     if (firstCol < 0 || firstRow < 0) {
@@ -213,7 +214,7 @@ bool WaveletTransformFunc::Inverse(const QString& input, const QString& output, 
                                    int firstRow, int lastRow, long long memoryBudget)
 {
     CopySideFile(input, output);
-    // The first three reports keep the forward wording on purpose: hosts key their dialogs on it.
+    // The first three reports carry the forward wording on purpose, as hosts have always shown them.
     const QString forwardMessage = Tr(kContext, kForwardMessage);
     Progress(1, forwardMessage);
     RasterPtr in = OpenInputRaster(input);
