@@ -3,7 +3,9 @@ function(orv_settings target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE -Wall -Wextra)
   if(ORV_SANITIZE)
-    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    # GCC's flow analysis misreads Boost.Signals2 once instrumented; the Release build still checks it.
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined -fno-omit-frame-pointer
+                           -fno-sanitize-recover=undefined -Wno-maybe-uninitialized)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
   endif()
 endfunction()

@@ -23,7 +23,8 @@ TEST(NewTypedBuffer, RefusesUnknownTypesNegativeCountsAndOverflow)
 {
     for (int code : {0, 8, 9, 10, 11, -1})
         EXPECT_EQ(NewTypedBuffer(code, 16), nullptr) << code;
-    EXPECT_EQ(NewTypedBuffer(7, std::numeric_limits<long long>::max() / 4), nullptr) << "byte count overflows";
+    EXPECT_EQ(NewTypedBuffer(7, std::numeric_limits<long long>::max() / 2), nullptr) << "byte count overflows";
+    EXPECT_EQ(NewTypedBuffer(7, std::numeric_limits<long long>::max() / 8), nullptr) << "memory is short";
     EXPECT_EQ(NewTypedBuffer(6, -1), nullptr);
     TypedBuffer<void> ok(NewTypedBuffer(7, 3));
     EXPECT_NE(ok.get(), nullptr);
