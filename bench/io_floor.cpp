@@ -15,7 +15,7 @@ int main(int argc, char** argv)
     GDALAllRegister();
     // The same block cache the host libraries use, so the comparison is of the work, not the cache.
     if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
-        GDALSetCacheMax64(8LL * 1024 * 1024);
+        GDALSetCacheMax64(4LL * 1024 * 1024);
     GDALDataset* in = GDALDataset::Open(argv[1], GDAL_OF_RASTER | GDAL_OF_READONLY);
     if (!in)
         return 1;
@@ -27,6 +27,8 @@ int main(int argc, char** argv)
     double gt[6];
     if (in->GetGeoTransform(gt) == CE_None)
         out->SetGeoTransform(gt);
+    if (const OGRSpatialReference* srs = in->GetSpatialRef())
+        out->SetSpatialRef(srs);
     std::vector<float> row(static_cast<size_t>(w) * nin);
     for (int y = 0; y < h; ++y) {
         if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)

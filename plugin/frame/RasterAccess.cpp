@@ -54,15 +54,15 @@ float* ToFloatArray(const void* source, long long count, int type)
     auto* out = static_cast<float*>(NewTypedBuffer(OrvDataSource::PDT_Float32, count > 0 ? count : 0));
     if (!out || count < 1)
         return out;
-    std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));
-    if (!source)
-        return out;
-    DispatchPixelType(type, [&](auto tag) {
+    // Every element of a known type is overwritten, so only an unknown type needs the zeros.
+    const bool converted = source && DispatchPixelType(type, [&](auto tag) {
         using T = typename decltype(tag)::type;
         const T* in = static_cast<const T*>(source);
         for (long long i = 0; i < count; ++i)
             out[i] = static_cast<float>(in[i]);
     });
+    if (!converted)
+        std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));
     return out;
 }
 
