@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include "OrvDataSource/DatasetFactory.h"
+#include "wavelet/WaveletPaths.h"
 
 #include <gdal_priv.h>
 
@@ -236,6 +237,13 @@ ParseResult ParseCommandLine(const std::vector<std::string>& args)
         return Usage("the statistics file is the same file as INPUT; refusing to overwrite it", command);
     if (!stats.empty() && !output.empty() && SameFile(output, stats))
         return Usage("the statistics file and OUTPUT are the same file", command);
+    if (command == "dwt" || command == "dwt-inverse") {
+        // Every wavelet run removes this name afterwards, so it must not be anything the user has.
+        const std::string temp = WaveletTempPath(Q(output)).toStdString();
+        if (SameFile(input, temp) || fs::exists(temp, ec))
+            return Usage("'" + temp + "' exists and the wavelet run would overwrite and remove it; "
+                         "move it or choose another OUTPUT", command);
+    }
     OrvDataSource::DatasetFactory::Instance();
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.c_str());
     if (!driver || !driver->GetMetadataItem(GDAL_DCAP_RASTER) ||

@@ -23,14 +23,6 @@ const char* kForwardOpenContext = "TavTransFFTFunc";
 const char* kForwardMessage = "Forward Wavelet Transform is running...";
 const char* kInverseMessage = "Inverse Wavelet Transform is running...";
 
-// Side files and the temporary are named from the text before the last ".", even when that
-// dot belongs to a folder name: hosts look for them under exactly these names.
-QString CutBeforeLastDot(const QString& path)
-{
-    const int dot = path.lastIndexOf('.');
-    return dot < 0 ? path : path.left(dot);
-}
-
 bool SameFile(const QString& a, const QString& b)
 {
     return QFileInfo(a).absoluteFilePath() == QFileInfo(b).absoluteFilePath();
@@ -157,7 +149,6 @@ void GatherColumns(const float* image, std::size_t w, std::size_t h, std::size_t
 
 } // namespace
 
-QString WaveletTempPath(const QString& output) { return CutBeforeLastDot(output) + QStringLiteral("_temp.tif"); }
 
 bool WaveletTransformFunc::Forward(const QString& input, const QString& output, const QString& format,
                                    const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,

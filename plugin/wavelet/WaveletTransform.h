@@ -1,5 +1,6 @@
 #pragma once
 #include "frame/TransWorker.h"
+#include "wavelet/WaveletPaths.h"
 
 // Wavelet worker: one-level Daubechies decomposition into quadrants, and its synthesis.
 class WaveletTransformFunc : public TransWorker {
@@ -17,5 +18,3 @@ public:
                  long long memoryBudget);
 };
 
-// The temporary raster between the two synthesis passes: the path cut before its last "." + "_temp.tif".
-QString WaveletTempPath(const QString& output);

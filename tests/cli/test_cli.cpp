@@ -116,6 +116,25 @@ TEST(Protection, OutputOrStatisticsFileEqualToTheInputIsRefusedAndTheInputKept)
     }
 }
 
+// A wavelet run removes OUTPUT-stem + "_temp.tif" when it ends, whatever was there.
+TEST(Protection, WaveletRunsRefuseWhenTheirTemporaryNameIsTaken)
+{
+    TempDir dir;
+    const std::string in = SixBandScene(dir);
+    tavtest::WriteText(dir.file("result_temp.tif"), "the user's own file");
+    for (const char* cmd : {"dwt", "dwt-inverse"}) {
+        const CliResult r = RunCli(dir, {cmd, "-q", in, dir.file("result.tif")});
+        EXPECT_EQ(r.status, 2) << cmd;
+        EXPECT_NE(r.err.find("result_temp.tif' exists"), std::string::npos) << r.err;
+        EXPECT_EQ(Slurp(dir.file("result_temp.tif")), "the user's own file");
+    }
+    // The input itself under that name.
+    std::filesystem::copy_file(in, dir.file("x_temp.tif"));
+    const CliResult r = RunCli(dir, {"dwt", "-q", dir.file("x_temp.tif"), dir.file("x.tif")});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_TRUE(tavtest::Exists(dir.file("x_temp.tif")));
+}
+
 TEST(Protection, MissingInputIsNamed)
 {
     TempDir dir;
