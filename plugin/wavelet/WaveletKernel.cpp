@@ -110,9 +110,7 @@ void ForwardColumnBatch(const float* pIn, float* pOut, std::size_t w, std::size_
     float* border = pScratch;
     float* zeros = pScratch + nb;
     std::fill(zeros, zeros + nb, 0.0f);
-    const float* row1 = h > 1 ? pIn + w : zeros;
-    for (std::size_t i = 0; i < nb; ++i)
-        border[i] = LeftBorder(pIn[i], row1[i]);
+    ForwardBorderRow(pIn, h > 1 ? pIn + w : zeros, border, nb);
 
     // Row i of the extension: e0, 0, the column, then zeros.
     auto ext = [&](std::size_t i) -> const float* {
@@ -127,8 +125,8 @@ void ForwardColumnBatch(const float* pIn, float* pOut, std::size_t w, std::size_
     for (std::size_t j = 0; j < (h + 1) / 2; ++j) {
         // For an odd h the last low-pass row would be overwritten at once; skip it.
         if (j < half)
-            Dot4Rows(kLo, ext(2 * j + 2), ext(2 * j + 3), ext(2 * j + 4), ext(2 * j + 5), pOut + j * w, nb);
-        Dot4Rows(kHi, ext(2 * j), ext(2 * j + 1), ext(2 * j + 2), ext(2 * j + 3), pOut + (half + j) * w, nb);
+            ForwardLowRow(ext(2 * j + 2), ext(2 * j + 3), ext(2 * j + 4), ext(2 * j + 5), pOut + j * w, nb);
+        ForwardHighRow(ext(2 * j), ext(2 * j + 1), ext(2 * j + 2), ext(2 * j + 3), pOut + (half + j) * w, nb);
     }
 }
 
@@ -154,27 +152,56 @@ void InverseColumnBatch(const float* pIn, float* pOut, std::size_t w, std::size_
         return j < nHigh ? pIn + (nLow + j) * w : extraHigh;
     };
 
-    if (h % 2 == 0) {
-        const float* l = lowRow(nLow);
-        for (std::size_t i = 0; i < nb; ++i)
-            extraHigh[i] = kBorderRatio * l[i];
-    } else {
-        const float* hLast = highRow(nLow);
-        const float* lPrev = lowRow(nLow);
-        for (std::size_t i = 0; i < nb; ++i) {
-            lastLow[i] = RebuiltLastLow(hLast[i], lPrev[i]);
-            extraHigh[i] = kBorderRatio * lastLow[i];
-        }
-    }
+    if (h % 2 != 0)
+        InverseLastLowRow(highRow(nLow), lowRow(nLow), lastLow, nb);
+    InverseExtraHighRow(lowRow(nHigh), extraHigh, nb);
 
     for (std::size_t k = 0; k < nHigh; ++k) {
-        EvenRows(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + 2 * k * w, nb);
+        InverseEvenRow(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + 2 * k * w, nb);
         if (2 * k + 1 < h)
-            OddRows(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + (2 * k + 1) * w, nb);
+            InverseOddRow(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + (2 * k + 1) * w, nb);
     }
 }
 
 }  // namespace
+
+void ForwardBorderRow(const float* row0, const float* row1, float* out, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = LeftBorder(row0[i], row1[i]);
+}
+
+void ForwardLowRow(const float* e0, const float* e1, const float* e2, const float* e3, float* out, std::size_t n)
+{
+    Dot4Rows(kLo, e0, e1, e2, e3, out, n);
+}
+
+void ForwardHighRow(const float* e0, const float* e1, const float* e2, const float* e3, float* out, std::size_t n)
+{
+    Dot4Rows(kHi, e0, e1, e2, e3, out, n);
+}
+
+void InverseLastLowRow(const float* hLast, const float* lPrev, float* out, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = RebuiltLastLow(hLast[i], lPrev[i]);
+}
+
+void InverseExtraHighRow(const float* lLast, float* out, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = kBorderRatio * lLast[i];
+}
+
+void InverseEvenRow(const float* lPrev, const float* l, const float* h, const float* hNext, float* out, std::size_t n)
+{
+    EvenRows(lPrev, l, h, hNext, out, n);
+}
+
+void InverseOddRow(const float* lPrev, const float* l, const float* h, const float* hNext, float* out, std::size_t n)
+{
+    OddRows(lPrev, l, h, hNext, out, n);
+}
 
 void ForwardLine(const float* pIn, float* pOut, std::size_t n, float* pScratch)
 {

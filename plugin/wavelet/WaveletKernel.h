@@ -55,6 +55,28 @@ void ForwardColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h,
 // InverseLine down every column, batched like ForwardColumns. pIn and pOut must not overlap.
 void InverseColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
 
+// Row-window forms of the column passes, for runs that stream an image in row
+// order: each computes one row of n samples from the rows it depends on, with
+// the batched passes' own arithmetic (which is built from them), so the bits agree.
+// The output row must not overlap the rows read.
+//
+// Forward, with the column extension e(0) = ForwardBorderRow(row 0, row 1),
+// e(1) = zeros, e(i) = row i - 2, zeros past the last row: low-pass row j
+// reads e(2j + 2 .. 2j + 5), high-pass row j reads e(2j .. 2j + 3).
+void ForwardBorderRow(const float* row0, const float* row1, float* out, std::size_t n);
+void ForwardLowRow(const float* e0, const float* e1, const float* e2, const float* e3, float* out, std::size_t n);
+void ForwardHighRow(const float* e0, const float* e1, const float* e2, const float* e3, float* out, std::size_t n);
+
+// Inverse, over the low-pass rows L[-1] = zeros, L[0 .. h/2 - 1] and the
+// high-pass rows H[0 .. ceil(h/2) - 1] as stored, completed at the bottom by
+// InverseLastLowRow (odd h: L[h/2] from H[h/2] and L[h/2 - 1]) and
+// InverseExtraHighRow (H[ceil(h/2)] from L[ceil(h/2) - 1]). Rows 2k and 2k + 1
+// of the result read L[k - 1], L[k], H[k], H[k + 1].
+void InverseLastLowRow(const float* hLast, const float* lPrev, float* out, std::size_t n);
+void InverseExtraHighRow(const float* lLast, float* out, std::size_t n);
+void InverseEvenRow(const float* lPrev, const float* l, const float* h, const float* hNext, float* out, std::size_t n);
+void InverseOddRow(const float* lPrev, const float* l, const float* h, const float* hNext, float* out, std::size_t n);
+
 // Reference passes: gather one column, run the line transform, scatter it back.
 // The batched passes give the same bits. pIn may equal pOut.
 void ForwardColumnsPerColumn(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
