@@ -2,6 +2,8 @@
 #include "frame/TransWorker.h"
 #include "wavelet/WaveletPaths.h"
 
+#include <cstddef>
+
 // Wavelet worker: one-level Daubechies decomposition into quadrants, and its synthesis.
 class WaveletTransformFunc : public TransWorker {
 public:
@@ -12,9 +14,15 @@ public:
     bool Forward(const QString& input, const QString& output, const QString& format, const int* bands,
                  int bandCount, int firstCol, int lastCol, int firstRow, int lastRow);
     // Rebuilds the bands from Forward's quadrants into `pixelType` (1..7). Columns are synthesised into
-    // the temporary raster, rows from it; `memoryBudget` bytes bound the columns or rows per chunk.
+    // the temporary raster, rows from it; `memoryBudget` bytes bound the rows of all bands per chunk.
     bool Inverse(const QString& input, const QString& output, const QString& format, int pixelType,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow,
                  long long memoryBudget);
+
+    // Rows of all bands per chunk; 0 sizes chunks by bytes. Tests shrink it to move chunk edges.
+    void SetRowsPerChunk(std::size_t rows) { m_rowsPerChunk = rows; }
+
+private:
+    std::size_t m_rowsPerChunk = 0;
 };
 
