@@ -1,9 +1,9 @@
-// bench_dwt_floor: the I/O floor of a wavelet run. Reads every band of INPUT whole into a Float32
-// buffer (GDAL converts) and writes it as a Float32 band of a new GTiff, one band at a time, the
-// way the wavelet worker moves its data, with no arithmetic in between.
+// bench_dwt_floor: a band-by-band copy, for scale beside the wavelet runs' row-order floor
+// (tav-io-floor). Reads every band of INPUT whole into a Float32 buffer (GDAL converts) and writes it
+// as a Float32 band of a new GTiff, one band at a time, with no arithmetic. On pixel-interleaved
+// files this order reads and rewrites every block once per band.
 //   bench_dwt_floor INPUT OUTPUT [bands|rows]
-// "rows" instead reads all bands row by row and writes them row by row: the cheapest order for
-// pixel-interleaved files, shown for comparison.
+// "rows" instead reads all bands row by row and writes them row by row.
 #include "OrvDataSource/DatasetFactory.h"
 
 #include <gdal_priv.h>
