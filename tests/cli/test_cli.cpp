@@ -54,13 +54,13 @@ CliResult RunCli(const TempDir& dir, const std::vector<std::string>& args)
 
 std::string SixBandScene(const TempDir& dir, int bands = 6)
 {
-    tavtest::RasterSpec spec;
-    spec.width = 9;
-    spec.height = 7;
-    spec.bands = bands;
-    spec.type = GDT_Byte;
+    tavtest::RasterShape shape;
+    shape.width = 9;
+    shape.height = 7;
+    shape.bands = bands;
+    shape.type = GDT_Byte;
     const std::string path = dir.file("scene.tif");
-    tavtest::WriteRaster(path, spec, [](int b, int x, int y) { return b * 30 + x + y; });
+    tavtest::WriteRaster(path, shape, [](int b, int x, int y) { return b * 30 + x + y; });
     return path;
 }
 

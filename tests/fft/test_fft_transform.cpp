@@ -96,13 +96,13 @@ double MaxAbsDifference(const std::vector<double>& a, const std::vector<double>&
 std::string WriteImage(const TempDir& dir, const std::string& name, int width, int height, int bands,
                        GDALDataType type, const tavtest::PixelFn& fn)
 {
-    tavtest::RasterSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.bands = bands;
-    spec.type = type;
+    tavtest::RasterShape shape;
+    shape.width = width;
+    shape.height = height;
+    shape.bands = bands;
+    shape.type = type;
     const std::string path = dir.file(name);
-    tavtest::WriteRaster(path, spec, fn);
+    tavtest::WriteRaster(path, shape, fn);
     return path;
 }
 

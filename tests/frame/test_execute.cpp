@@ -18,12 +18,12 @@ void Touch(const std::string& path) { tavtest::WriteText(path, "keep me"); }
 std::string SmallScene(const TempDir& dir, int w = 5, int h = 4)
 {
     const std::string path = dir.file("scene.tif");
-    tavtest::RasterSpec spec;
-    spec.width = w;
-    spec.height = h;
-    spec.bands = 6;
-    spec.type = GDT_Byte;
-    tavtest::WriteRaster(path, spec, [](int b, int x, int y) { return 10 + b * 20 + x * 3 + y; });
+    tavtest::RasterShape shape;
+    shape.width = w;
+    shape.height = h;
+    shape.bands = 6;
+    shape.type = GDT_Byte;
+    tavtest::WriteRaster(path, shape, [](int b, int x, int y) { return 10 + b * 20 + x * 3 + y; });
     return path;
 }
 
@@ -171,7 +171,7 @@ TEST(Cancellation, CancelledPcaRunsRemoveTheirFilesAndReportOnly100)
 TEST(ErrorCode, ACodeFromAnEarlierRunSurvivesATasseledCapFailure)
 {
     TempDir dir;
-    tavtest::RasterSpec five;
+    tavtest::RasterShape five;
     five.bands = 5;
     tavtest::WriteRaster(dir.file("five.tif"), five, [](int, int, int) { return 1; });
     AlgoHarness h;

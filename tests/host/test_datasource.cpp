@@ -140,9 +140,9 @@ TEST(Metadata, NoDataSpatialReferenceAndGeoTransformSurviveAReopen)
 {
     TempDir dir;
     const std::string src = dir.file("src.tif");
-    tavtest::RasterSpec spec;
-    spec.noData = {-9999};
-    tavtest::WriteRaster(src, spec, [](int, int x, int) { return x; });
+    tavtest::RasterShape shape;
+    shape.noData = {-9999};
+    tavtest::WriteRaster(src, shape, [](int, int x, int) { return x; });
     auto* factory = DatasetFactory::Instance();
     _ptr_t<RasterDataset> in = factory->OpenRasterDataset(QString::fromStdString(src), OM_Read);
     ASSERT_TRUE(in);
@@ -168,7 +168,7 @@ TEST(Metadata, NoDataSpatialReferenceAndGeoTransformSurviveAReopen)
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(info.gt[i], tavtest::kTestGeoTransform[i]);
 
-    tavtest::RasterSpec bare;
+    tavtest::RasterShape bare;
     bare.geo = false;
     tavtest::WriteRaster(dir.file("bare.tif"), bare, [](int, int, int) { return 0; });
     EXPECT_FALSE(factory->OpenRasterDataset(dir.qfile("bare.tif"), OM_Read)->GetSpatialReference());
@@ -188,9 +188,9 @@ const char* kRpb =
 TEST(Metadata, RpcDomainAndSideFileAreCopied)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.geo = false;
-    tavtest::WriteRaster(dir.file("scene.tif"), spec, [](int, int, int) { return 1; });
+    tavtest::RasterShape shape;
+    shape.geo = false;
+    tavtest::WriteRaster(dir.file("scene.tif"), shape, [](int, int, int) { return 1; });
     tavtest::WriteText(dir.file("scene.RPB"), kRpb);
     auto* factory = DatasetFactory::Instance();
     {
@@ -249,11 +249,11 @@ TEST(OpenFailures, MissingAndNonRasterFilesGiveNullWithGdalMessageAndNoOutput)
 TEST(ReadFailures, TruncatedFileYieldsZeroFilledBufferNotNull)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 256;
-    spec.height = 256;
-    spec.type = GDT_UInt16;
-    tavtest::WriteRaster(dir.file("t.tif"), spec, [](int, int x, int y) { return 1 + x + y; });
+    tavtest::RasterShape shape;
+    shape.width = 256;
+    shape.height = 256;
+    shape.type = GDT_UInt16;
+    tavtest::WriteRaster(dir.file("t.tif"), shape, [](int, int x, int y) { return 1 + x + y; });
     std::filesystem::resize_file(dir.file("t.tif"), 4096);
     auto ds = DatasetFactory::Instance()->OpenRasterDataset(dir.qfile("t.tif"), OM_Read);
     ASSERT_TRUE(ds);

@@ -90,13 +90,13 @@ struct Scene {
 
 Scene MakeScene(const TempDir& dir, const std::string& name, int bands, const TypeRange& r, int w = 7, int h = 5)
 {
-    tavtest::RasterSpec spec;
-    spec.width = w;
-    spec.height = h;
-    spec.bands = bands;
-    spec.type = r.type;
+    tavtest::RasterShape shape;
+    shape.width = w;
+    shape.height = h;
+    shape.bands = bands;
+    shape.type = r.type;
     Scene s{dir.file(name), RandomPixels(r, bands * 31 + r.type), w, h, bands};
-    tavtest::WriteRaster(s.path, spec, s.fn);
+    tavtest::WriteRaster(s.path, shape, s.fn);
     return s;
 }
 
@@ -174,13 +174,13 @@ TEST(BandChoice, FiveBandsFailForSixBandSetsAndServeMss)
 TEST(Values, AllZeroTMPixelGivesZeroNotTheConstants)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 3;
-    spec.height = 1;
-    spec.bands = 6;
-    spec.type = GDT_Byte;
+    tavtest::RasterShape shape;
+    shape.width = 3;
+    shape.height = 1;
+    shape.bands = 6;
+    shape.type = GDT_Byte;
     // Pixel 0 all zero; pixel 1 zero but for band 3; pixel 2 all zero too.
-    tavtest::WriteRaster(dir.file("z.tif"), spec, [](int b, int x, int) { return x == 1 && b == 2 ? 1 : 0; });
+    tavtest::WriteRaster(dir.file("z.tif"), shape, [](int b, int x, int) { return x == 1 && b == 2 ? 1 : 0; });
     AlgoHarness h;
     ASSERT_TRUE(h.Run(TransRecord(4, true, dir.file("z.tif"), dir.file("tm.tif"))));
     for (int k = 0; k < 3; ++k) {
@@ -198,11 +198,11 @@ TEST(Values, AllZeroTMPixelGivesZeroNotTheConstants)
 TEST(Georeference, OnePixelImageShiftsTheOriginByHalfAPixelAndNamesItsBands)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 1;
-    spec.height = 1;
-    spec.bands = 6;
-    tavtest::WriteRaster(dir.file("one.tif"), spec, [](int b, int, int) { return b + 1; });
+    tavtest::RasterShape shape;
+    shape.width = 1;
+    shape.height = 1;
+    shape.bands = 6;
+    tavtest::WriteRaster(dir.file("one.tif"), shape, [](int b, int, int) { return b + 1; });
     const std::vector<std::vector<std::string>> names = {
         {"Brightness", "green", "humidity"},
         {"Soil Brightness Index", "Green index", "Yellowness index", "The fourth component"},
@@ -228,11 +228,11 @@ TEST(Georeference, OnePixelImageShiftsTheOriginByHalfAPixelAndNamesItsBands)
 TEST(Georeference, NoDataIsCarriedBandByBand)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.bands = 6;
-    spec.driver = "HFA"; // keeps a no-data value per band, unlike GTiff
-    spec.noData = {-1, -2, -3, -4, -5, -6};
-    tavtest::WriteRaster(dir.file("nd.img"), spec, [](int b, int x, int) { return b + x; });
+    tavtest::RasterShape shape;
+    shape.bands = 6;
+    shape.driver = "HFA"; // keeps a no-data value per band, unlike GTiff
+    shape.noData = {-1, -2, -3, -4, -5, -6};
+    tavtest::WriteRaster(dir.file("nd.img"), shape, [](int b, int x, int) { return b + x; });
     AlgoHarness h;
     auto record = TransRecord(4, true, dir.file("nd.img"), dir.file("out.img"), "HFA");
     record.nSensorType = 2;

@@ -33,16 +33,16 @@ TempDir::~TempDir()
     std::filesystem::remove_all(m_path, ec);
 }
 
-void WriteRaster(const std::string& path, const RasterSpec& spec, const PixelFn& fn)
+void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn)
 {
     GDALAllRegister();
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(spec.driver.c_str());
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(shape.driver.c_str());
     if (!driver)
-        throw std::runtime_error("no driver " + spec.driver);
-    GDALDataset* ds = driver->Create(path.c_str(), spec.width, spec.height, spec.bands, spec.type, nullptr);
+        throw std::runtime_error("no driver " + shape.driver);
+    GDALDataset* ds = driver->Create(path.c_str(), shape.width, shape.height, shape.bands, shape.type, nullptr);
     if (!ds)
         throw std::runtime_error("cannot create " + path);
-    if (spec.geo) {
+    if (shape.geo) {
         double gt[6];
         std::copy(kTestGeoTransform, kTestGeoTransform + 6, gt);
         ds->SetGeoTransform(gt);
@@ -50,15 +50,15 @@ void WriteRaster(const std::string& path, const RasterSpec& spec, const PixelFn&
         srs.importFromEPSG(31985);
         ds->SetSpatialRef(&srs);
     }
-    std::vector<double> row(spec.width);
-    for (int b = 0; b < spec.bands; ++b) {
+    std::vector<double> row(shape.width);
+    for (int b = 0; b < shape.bands; ++b) {
         GDALRasterBand* band = ds->GetRasterBand(b + 1);
-        if (b < static_cast<int>(spec.noData.size()))
-            band->SetNoDataValue(spec.noData[b]);
-        for (int y = 0; y < spec.height; ++y) {
-            for (int x = 0; x < spec.width; ++x)
+        if (b < static_cast<int>(shape.noData.size()))
+            band->SetNoDataValue(shape.noData[b]);
+        for (int y = 0; y < shape.height; ++y) {
+            for (int x = 0; x < shape.width; ++x)
                 row[x] = fn(b, x, y);
-            if (band->RasterIO(GF_Write, 0, y, spec.width, 1, row.data(), spec.width, 1, GDT_Float64, 0, 0) != CE_None)
+            if (band->RasterIO(GF_Write, 0, y, shape.width, 1, row.data(), shape.width, 1, GDT_Float64, 0, 0) != CE_None)
                 throw std::runtime_error("write failed");
         }
     }

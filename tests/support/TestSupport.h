@@ -28,7 +28,7 @@ private:
 
 using PixelFn = std::function<double(int band, int x, int y)>;
 
-struct RasterSpec {
+struct RasterShape {
     int width = 4;
     int height = 3;
     int bands = 1;
@@ -39,7 +39,8 @@ struct RasterSpec {
 };
 
 // Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
-void WriteRaster(const std::string& path, const RasterSpec& spec, const PixelFn& fn);
+void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn);
+using RasterSpec = RasterShape; // older name, still used by some suites
 
 // Band b (1-based) read back as doubles, row-major.
 std::vector<double> ReadBand(const std::string& path, int band);
