@@ -126,13 +126,13 @@ struct Scene {
 Scene MakeScene(const TempDir& dir, const std::string& name, int w, int h, int bands, const TypeRange& r,
                 unsigned seed = 1)
 {
-    tavtest::RasterSpec spec;
-    spec.width = w;
-    spec.height = h;
-    spec.bands = bands;
-    spec.type = r.type;
+    tavtest::RasterShape raster;
+    raster.width = w;
+    raster.height = h;
+    raster.bands = bands;
+    raster.type = r.type;
     Scene s{dir.file(name), w, h, bands, RandomPixels(r, seed + w * 131 + h * 17 + r.type)};
-    tavtest::WriteRaster(s.path, spec, s.fn);
+    tavtest::WriteRaster(s.path, raster, s.fn);
     return s;
 }
 
@@ -253,11 +253,11 @@ TEST(ForwardLayout, ConstantBandKeepsItsValueInTheApproximationAndNoDetailInside
     // 8 x 6 of 10: LL is 10 but along the last low-pass column and row, which see the zero
     // padding: (lo0 + lo1) 10 = 9.330127 there, and that squared at their corner.
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 8;
-    spec.height = 6;
-    spec.type = GDT_Int16;
-    tavtest::WriteRaster(dir.file("c.tif"), spec, [](int, int, int) { return 10; });
+    tavtest::RasterShape raster;
+    raster.width = 8;
+    raster.height = 6;
+    raster.type = GDT_Int16;
+    tavtest::WriteRaster(dir.file("c.tif"), raster, [](int, int, int) { return 10; });
     AlgoHarness h;
     ASSERT_TRUE(h.Run(TransRecord(3, true, dir.file("c.tif"), dir.file("dwt.tif"))));
     const auto out = tavtest::ReadBand(dir.file("dwt.tif"), 1);
@@ -300,11 +300,11 @@ TEST(Georeference, InputReferencedByControlPointsGivesNoCoordinateSystem)
 {
     // A VRT carries both a coordinate system and control points, which GTiff never does.
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 4;
-    spec.height = 4;
-    spec.geo = false;
-    tavtest::WriteRaster(dir.file("plain.tif"), spec, [](int, int x, int y) { return x + 10 * y; });
+    tavtest::RasterShape raster;
+    raster.width = 4;
+    raster.height = 4;
+    raster.geo = false;
+    tavtest::WriteRaster(dir.file("plain.tif"), raster, [](int, int x, int y) { return x + 10 * y; });
     const std::string vrt = R"(<VRTDataset rasterXSize="4" rasterYSize="4">
   <SRS>EPSG:31985</SRS>%s
   <VRTRasterBand dataType="Float32" band="1"><SimpleSource>
@@ -466,12 +466,12 @@ TEST(RoundTrip, LandsatSceneComesBack)
 TEST(InverseOutputType, IntegerTypesRoundAndClampTheRebuiltValues)
 {
     TempDir dir;
-    tavtest::RasterSpec spec;
-    spec.width = 7;
-    spec.height = 6;
+    tavtest::RasterShape raster;
+    raster.width = 7;
+    raster.height = 6;
     // Quarter values never round ambiguously; -40 .. 300 runs past both ends of Byte.
     auto fn = [](int, int x, int y) { return -40.25 + 10 * x + 47 * y + ((x + y) % 2 ? 0.5 : 0); };
-    tavtest::WriteRaster(dir.file("in.tif"), spec, fn);
+    tavtest::WriteRaster(dir.file("in.tif"), raster, fn);
     AlgoHarness h;
     ASSERT_TRUE(h.Run(TransRecord(3, true, dir.file("in.tif"), dir.file("dwt.tif"))));
     struct Case {
