@@ -1,5 +1,7 @@
 // tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT row by row
 // and writes OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
+#include "OrvDataSource/DatasetFactory.h"
+
 #include <gdal_priv.h>
 
 #include <cstdio>
@@ -15,7 +17,7 @@ int main(int argc, char** argv)
     GDALAllRegister();
     // The same block cache the host libraries use, so the comparison is of the work, not the cache.
     if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
-        GDALSetCacheMax64(4LL * 1024 * 1024);
+        GDALSetCacheMax64(OrvDataSource::DatasetFactory::kBlockCacheBytes);
     GDALDataset* in = GDALDataset::Open(argv[1], GDAL_OF_RASTER | GDAL_OF_READONLY);
     if (!in)
         return 1;

@@ -27,7 +27,7 @@ public:
 
     // The block cache GDAL gets. Rows stream through once, so a small cache loses no speed and
     // keeps memory flat; a large one (GDAL takes 5 % of RAM) made close-time flushes slow.
-    static constexpr long long kBlockCacheBytes = 4LL * 1024 * 1024;
+    static constexpr long long kBlockCacheBytes = 2LL * 1024 * 1024;
 
 private:
     DatasetFactory();
