@@ -250,12 +250,16 @@ ParseResult ParseCommandLine(const std::vector<std::string>& args)
         !(driver->GetMetadataItem(GDAL_DCAP_CREATE) || driver->GetMetadataItem(GDAL_DCAP_CREATECOPY)))
         return Usage("option -of: '" + format + "' is not a raster format GDAL can write", command);
 
-    if (command == "pca") {
-        stForwardPCAInfo r;
+    // The three records name their files alike.
+    auto fillFiles = [&](auto& r) {
         r.strInputFile = Q(input);
         r.strStatFile = Q(stats);
         r.strOutputFile = Q(output);
         r.strFormat = Q(format);
+    };
+    if (command == "pca") {
+        stForwardPCAInfo r;
+        fillFiles(r);
         r.nOutDataType = PixelTypeIndex(outType);
         r.bSubtractMean = center;
         r.bCovariance = !corr;
@@ -271,18 +275,12 @@ ParseResult ParseCommandLine(const std::vector<std::string>& args)
         req.record = r;
     } else if (command == "pca-inverse") {
         stInversePCAInfo r;
-        r.strInputFile = Q(input);
-        r.strStatFile = Q(stats);
-        r.strOutputFile = Q(output);
-        r.strFormat = Q(format);
+        fillFiles(r);
         r.nOutDataType = PixelTypeIndex(outType);
         req.record = r;
     } else {
         stTransInfo r;
-        r.strInputFile = Q(input);
-        r.strOutputFile = Q(output);
-        r.strStatFile = Q(stats);
-        r.strFormat = Q(format);
+        fillFiles(r);
         r.bForward = command.find("-inverse") == std::string::npos;
         if (command == "kt") {
             r.nTransType = 4;
