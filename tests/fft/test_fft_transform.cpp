@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <cstring>
@@ -96,14 +97,8 @@ double MaxAbsDifference(const std::vector<double>& a, const std::vector<double>&
 std::string WriteImage(const TempDir& dir, const std::string& name, int width, int height, int bands,
                        GDALDataType type, const tavtest::PixelFn& fn)
 {
-    tavtest::RasterShape shape;
-    shape.width = width;
-    shape.height = height;
-    shape.bands = bands;
-    shape.type = type;
-    const std::string path = dir.file(name);
-    tavtest::WriteRaster(path, shape, fn);
-    return path;
+    tavtest::WriteRaster(dir.file(name), tavtest::Shape(width, height, bands, type), fn);
+    return dir.file(name);
 }
 
 stTransInfo ForwardRecord(const std::string& in, const std::string& out, std::vector<int> bands)
@@ -121,7 +116,7 @@ stTransInfo InverseRecord(const std::string& in, const std::string& out, int typ
 }
 
 // ---------------------------------------------------------------------------------------------
-// Forward run against the direct DFT.
+// Forward run against the direct DFT, and back.
 
 struct ForwardCase {
     const char* name;
@@ -132,8 +127,10 @@ struct ForwardCase {
 
 class ForwardSpectrum : public ::testing::TestWithParam<ForwardCase> {};
 
-// Every selected band becomes (real, imaginary) of its centred, 1/(W H)-scaled positive-exponent DFT.
-TEST_P(ForwardSpectrum, MatchesTheDirectDftQuadrantSwapped)
+// Every selected band becomes (real, imaginary) of its centred, 1/(W H)-scaled positive-exponent DFT;
+// the inverse with Float32 output gives f((W - x) mod W, (H - y) mod H): the point reflection, (0, 0)
+// in place.
+TEST_P(ForwardSpectrum, MatchesTheDirectDftQuadrantSwappedAndComesBackPointReflected)
 {
     const ForwardCase c = GetParam();
     TempDir dir;
@@ -157,6 +154,17 @@ TEST_P(ForwardSpectrum, MatchesTheDirectDftQuadrantSwapped)
         EXPECT_LT(MaxAbsDifference(tavtest::ReadBand(dir.file("out.tif"), 2 * i + 2), want.im), 2e-3)
             << "imaginary part of selected band " << used[i];
     }
+
+    ASSERT_TRUE(h.Run(InverseRecord(dir.file("out.tif"), dir.file("back.tif"), 5))) << h.Text().toStdString();
+    ASSERT_EQ(tavtest::Info(dir.file("back.tif")).bands, static_cast<int>(used.size()));
+    for (size_t i = 0; i < used.size(); ++i) {
+        std::vector<double> want(c.width * c.height);
+        for (int y = 0; y < c.height; ++y)
+            for (int x = 0; x < c.width; ++x)
+                want[y * c.width + x] = Pixel(used[i] - 1, (c.width - x) % c.width, (c.height - y) % c.height);
+        EXPECT_LT(MaxAbsDifference(tavtest::ReadBand(dir.file("back.tif"), i + 1), want), 2e-3)
+            << "round trip of selected band " << used[i];
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -164,46 +172,34 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ForwardCase{"OneByOne", 1, 1, {2}}, ForwardCase{"FourByFour", 4, 4, {3, 1}},
                       ForwardCase{"FiveByThree", 5, 3, {3, 1}}, ForwardCase{"SevenBySixteen", 7, 16, {3, 1}},
                       // wider than one column batch, with a short last batch
-                      ForwardCase{"FortyBySix", 40, 6, {2}},
+                      ForwardCase{"FortyBySix", 40, 6, {2}}, ForwardCase{"SixByOne", 6, 1, {1}},
+                      ForwardCase{"OneByNine", 1, 9, {3}},
                       ForwardCase{"EmptyListMeansAllBandsInOrder", 6, 5, {}},
                       ForwardCase{"ABandTwice", 3, 4, {2, 2}}),
     [](const auto& info) { return std::string(info.param.name); });
 
-struct CentreCase {
-    int width, height;
-    friend void PrintTo(const CentreCase& c, std::ostream* os) { *os << c.width << "x" << c.height; }
-    int column, row; // where the zero frequency lands, worked out by hand
-};
-
-class ConstantImage : public ::testing::TestWithParam<CentreCase> {};
-
 // A constant v has all its energy at the zero frequency, which sits at (floor(W/2), floor(H/2)).
-TEST_P(ConstantImage, PutsItsValueOnTheCentreAndZeroElsewhere)
+TEST(ConstantImage, PutsItsValueOnTheCentreAndZeroElsewhere)
 {
-    const CentreCase c = GetParam();
     const double v = 37.25;
-    TempDir dir;
-    const std::string in =
-        WriteImage(dir, "in.tif", c.width, c.height, 1, GDT_Float32, [&](int, int, int) { return v; });
-    AlgoHarness h;
-    ASSERT_TRUE(h.Run(ForwardRecord(in, dir.file("out.tif"), {1})));
-    const auto re = tavtest::ReadBand(dir.file("out.tif"), 1);
-    const auto im = tavtest::ReadBand(dir.file("out.tif"), 2);
-    for (int y = 0; y < c.height; ++y) {
-        for (int x = 0; x < c.width; ++x) {
-            const double want = (x == c.column && y == c.row) ? v : 0.0;
-            EXPECT_NEAR(re[y * c.width + x], want, 1e-5 * v) << x << "," << y;
-            EXPECT_NEAR(im[y * c.width + x], 0.0, 1e-5 * v) << x << "," << y;
+    // width, height, and the centre's column and row worked out by hand
+    for (const auto& [w, hgt, column, row] : {std::array{1, 1, 0, 0}, std::array{4, 4, 2, 2}, std::array{5, 3, 2, 1},
+                                              std::array{6, 7, 3, 3}, std::array{9, 2, 4, 1}, std::array{1, 8, 0, 4}}) {
+        SCOPED_TRACE(::testing::Message() << w << "x" << hgt);
+        TempDir dir;
+        const std::string in = WriteImage(dir, "in.tif", w, hgt, 1, GDT_Float32, [&](int, int, int) { return v; });
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(ForwardRecord(in, dir.file("out.tif"), {1})));
+        const auto re = tavtest::ReadBand(dir.file("out.tif"), 1);
+        const auto im = tavtest::ReadBand(dir.file("out.tif"), 2);
+        for (int y = 0; y < hgt; ++y) {
+            for (int x = 0; x < w; ++x) {
+                EXPECT_NEAR(re[y * w + x], x == column && y == row ? v : 0.0, 1e-5 * v) << x << "," << y;
+                EXPECT_NEAR(im[y * w + x], 0.0, 1e-5 * v) << x << "," << y;
+            }
         }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ConstantImage,
-                         ::testing::Values(CentreCase{1, 1, 0, 0}, CentreCase{4, 4, 2, 2}, CentreCase{5, 3, 2, 1},
-                                           CentreCase{6, 7, 3, 3}, CentreCase{9, 2, 4, 1}, CentreCase{1, 8, 0, 4}),
-                         [](const auto& info) {
-                             return std::to_string(info.param.width) + "x" + std::to_string(info.param.height);
-                         });
 
 // ---------------------------------------------------------------------------------------------
 // Inverse run against the direct conjugate sum, and the round trip.
@@ -246,37 +242,6 @@ INSTANTIATE_TEST_SUITE_P(Sizes, InverseImage,
                                            InverseCase{"FiveBandsGiveTwo", 3, 8, 5}, InverseCase{"OneByOne", 1, 1, 2},
                                            InverseCase{"ThirtyFiveByFour", 35, 4, 2}),
                          [](const auto& info) { return std::string(info.param.name); });
-
-struct SizeCase {
-    int width, height;
-    friend void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.width << "x" << c.height; }
-};
-
-class RoundTrip : public ::testing::TestWithParam<SizeCase> {};
-
-// Forward then inverse with Float32 output gives f((W - x) mod W, (H - y) mod H): the point
-// reflection about the origin, (0, 0) in place.
-TEST_P(RoundTrip, ReturnsThePointReflectedImage)
-{
-    const auto [w, hgt] = GetParam();
-    TempDir dir;
-    const std::string in = WriteImage(dir, "in.tif", w, hgt, 2, GDT_Float32, Pixel);
-    AlgoHarness h;
-    ASSERT_TRUE(h.Run(ForwardRecord(in, dir.file("spectrum.tif"), {2})));
-    ASSERT_TRUE(h.Run(InverseRecord(dir.file("spectrum.tif"), dir.file("back.tif"), 5)));
-    std::vector<double> want(w * hgt);
-    for (int y = 0; y < hgt; ++y)
-        for (int x = 0; x < w; ++x)
-            want[y * w + x] = Pixel(1, (w - x) % w, (hgt - y) % hgt);
-    EXPECT_LT(MaxAbsDifference(tavtest::ReadBand(dir.file("back.tif"), 1), want), 2e-3);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, RoundTrip,
-                         ::testing::Values(SizeCase{4, 4}, SizeCase{5, 3}, SizeCase{7, 16}, SizeCase{1, 1},
-                                           SizeCase{40, 6}, SizeCase{6, 1}, SizeCase{1, 9}),
-                         [](const auto& info) {
-                             return std::to_string(info.param.width) + "x" + std::to_string(info.param.height);
-                         });
 
 // 65536 columns leave 16 rows per 4 MiB block, so 37 rows make blocks of 16, 16 and 5 rows.
 // A point of value W H at (x0, y0) has the unit spectrum exp(+2 pi i (u x0 / W + v y0 / H)).
@@ -519,9 +484,7 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"TypeIndexAboveSix", false, Input::Good, {}, 7, false, "Invalid output data type"},
         RefusalCase{"BandZero", true, Input::Good, {1, 0}, 5, false, "Band 0 does not exist"},
         RefusalCase{"BandAboveCount", true, Input::Good, {3}, 5, false, "Band 3 does not exist"},
-        RefusalCase{"NegativeBand", true, Input::Good, {-2}, 5, false, "Band -2 does not exist"},
         RefusalCase{"InverseWithoutABandPair", false, Input::OneBand, {}, 5, false, "no pair of real and imaginary"},
-        RefusalCase{"ForwardMissingInput", true, Input::Missing, {}, 5, false, "Failed to open the input file!"},
         RefusalCase{"InverseMissingInput", false, Input::Missing, {}, 5, false, "Failed to open the input file!"},
         RefusalCase{"ForwardInputNotARaster", true, Input::NotARaster, {}, 5, false, "Failed to open the input file!"},
         RefusalCase{"ForwardOutputFolderMissing", true, Input::Good, {}, 5, true, "OutFile Creat Fail!"},

@@ -38,6 +38,18 @@ struct RasterShape {
     std::vector<double> noData; // per band; empty = none
 };
 
+// A shape in one expression.
+inline RasterShape Shape(int width, int height, int bands = 1, GDALDataType type = GDT_Float32, bool geo = true)
+{
+    RasterShape s;
+    s.width = width;
+    s.height = height;
+    s.bands = bands;
+    s.type = type;
+    s.geo = geo;
+    return s;
+}
+
 // Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
 void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn);
 using RasterSpec = RasterShape; // older name, still used by some suites
