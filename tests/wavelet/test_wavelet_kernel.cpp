@@ -1,3 +1,4 @@
+#include "WaveletReference.h"
 #include "wavelet/WaveletKernel.h"
 
 #include <gtest/gtest.h>
@@ -17,11 +18,7 @@ namespace {
 using WaveletKernel::ColumnScratchSize;
 using WaveletKernel::LineScratchSize;
 using WaveletKernel::PerColumnScratchSize;
-
-const double kSqrt3 = std::sqrt(3.0);
-// The four-tap Daubechies pair with low-pass taps summing to one, exactly.
-const std::array<double, 4> kLo = {(1 + kSqrt3) / 8, (3 + kSqrt3) / 8, (3 - kSqrt3) / 8, (1 - kSqrt3) / 8};
-const std::array<double, 4> kHi = {(1 - kSqrt3) / 8, -(3 - kSqrt3) / 8, (3 + kSqrt3) / 8, -(1 + kSqrt3) / 8};
+using namespace wavelettest;
 
 // The product's taps are rounded to seven decimals (off by up to 5e-8) and its
 // arithmetic is single precision (ulp 6e-8). Measured worst cases relative to
@@ -62,44 +59,6 @@ double PeakMagnitude(const std::vector<float>& v)
     for (float x : v)
         peak = std::max(peak, std::fabs(double(x)));
     return peak;
-}
-
-// The line transform straight from its definition, in double with exact taps.
-std::vector<double> ReferenceLine(const std::vector<double>& x)
-{
-    const std::size_t n = x.size();
-    auto at = [&](std::size_t i) { return i < n ? x[i] : 0.0; };
-    auto ext = [&](std::size_t i) {
-        if (i == 0)
-            return -(kLo[2] / kLo[0]) * at(0) - (kLo[3] / kLo[0]) * at(1);
-        return i == 1 ? 0.0 : at(i - 2);
-    };
-    std::vector<double> y(n);
-    for (std::size_t k = 0; k < n; k += 2)
-        y[k / 2] = kLo[0] * at(k) + kLo[1] * at(k + 1) + kLo[2] * at(k + 2) + kLo[3] * at(k + 3);
-    for (std::size_t k = 0; k < n; k += 2)
-        y[n / 2 + k / 2] = kHi[0] * ext(k) + kHi[1] * ext(k + 1) + kHi[2] * ext(k + 2) + kHi[3] * ext(k + 3);
-    return y;
-}
-
-// Rows, then columns, each through ReferenceLine.
-std::vector<double> ReferenceImage(const std::vector<float>& in, std::size_t w, std::size_t h)
-{
-    std::vector<double> img(in.begin(), in.end());
-    for (std::size_t r = 0; r < h; ++r) {
-        std::vector<double> row(img.begin() + r * w, img.begin() + (r + 1) * w);
-        row = ReferenceLine(row);
-        std::copy(row.begin(), row.end(), img.begin() + r * w);
-    }
-    for (std::size_t c = 0; c < w; ++c) {
-        std::vector<double> col(h);
-        for (std::size_t r = 0; r < h; ++r)
-            col[r] = img[r * w + c];
-        col = ReferenceLine(col);
-        for (std::size_t r = 0; r < h; ++r)
-            img[r * w + c] = col[r];
-    }
-    return img;
 }
 
 std::vector<float> ForwardLine(const std::vector<float>& x)

@@ -1,6 +1,7 @@
 #include "AlgoHarness.h"
 #include "OrvDataSource/DatasetFactory.h"
 #include "TestSupport.h"
+#include "WaveletReference.h"
 #include "frame/RasterAccess.h"
 #include "wavelet/WaveletKernel.h"
 #include "wavelet/WaveletTransform.h"
@@ -33,13 +34,9 @@ using tavtest::AlgoHarness;
 using tavtest::Exists;
 using tavtest::TempDir;
 using tavtest::TransRecord;
+using namespace wavelettest;
 
 namespace {
-
-const double kSqrt3 = std::sqrt(3.0);
-// The four-tap Daubechies pair, low-pass taps summing to one, exactly.
-const std::array<double, 4> kLo = {(1 + kSqrt3) / 8, (3 + kSqrt3) / 8, (3 - kSqrt3) / 8, (1 - kSqrt3) / 8};
-const std::array<double, 4> kHi = {(1 - kSqrt3) / 8, -(3 - kSqrt3) / 8, (3 + kSqrt3) / 8, -(1 + kSqrt3) / 8};
 
 // Single precision with taps rounded to seven decimals: the kernel's measured worst cases are
 // 4.7e-7 (forward) and 7.3e-7 (round trip) of the input's peak magnitude; Float32 files add nothing.
@@ -49,40 +46,6 @@ constexpr long long kBudget = 100000000; // Execute's memory budget
 
 const char* kForwardText = "Forward Wavelet Transform is running...";
 const char* kInverseText = "Inverse Wavelet Transform is running...";
-
-// One line from the definition: low-pass over the line and zeros, high-pass over e0, 0, the
-// line and zeros; low-pass values from slot 0, high-pass from slot n/2 (overwriting for odd n).
-std::vector<double> ReferenceLine(const std::vector<double>& x)
-{
-    const std::size_t n = x.size();
-    auto at = [&](std::size_t i) { return i < n ? x[i] : 0.0; };
-    const double e0 = -(kLo[2] / kLo[0]) * at(0) - (kLo[3] / kLo[0]) * at(1);
-    auto ext = [&](std::size_t i) { return i == 0 ? e0 : i == 1 ? 0.0 : at(i - 2); };
-    std::vector<double> y(n);
-    for (std::size_t k = 0; k < n; k += 2)
-        y[k / 2] = kLo[0] * at(k) + kLo[1] * at(k + 1) + kLo[2] * at(k + 2) + kLo[3] * at(k + 3);
-    for (std::size_t k = 0; k < n; k += 2)
-        y[n / 2 + k / 2] = kHi[0] * ext(k) + kHi[1] * ext(k + 1) + kHi[2] * ext(k + 2) + kHi[3] * ext(k + 3);
-    return y;
-}
-
-// Rows, then columns.
-std::vector<double> ReferenceImage(std::vector<double> img, int w, int h)
-{
-    for (int r = 0; r < h; ++r) {
-        const auto row = ReferenceLine(std::vector<double>(img.begin() + r * w, img.begin() + (r + 1) * w));
-        std::copy(row.begin(), row.end(), img.begin() + r * w);
-    }
-    for (int c = 0; c < w; ++c) {
-        std::vector<double> col(h);
-        for (int r = 0; r < h; ++r)
-            col[r] = img[r * w + c];
-        col = ReferenceLine(col);
-        for (int r = 0; r < h; ++r)
-            img[r * w + c] = col[r];
-    }
-    return img;
-}
 
 struct TypeRange {
     GDALDataType type;
