@@ -1,19 +1,53 @@
-// tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT row by row
-// and writes OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
+// tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT and writes
+// OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
+//   tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands]
+// "rows" (the default) moves all bands a row at a time; "bands" moves each band whole, one after
+// another, for scale: on pixel-interleaved files that order reads and rewrites every block per band.
 #include "OrvDataSource/DatasetFactory.h"
 
 #include <gdal_priv.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
+
+namespace {
+
+bool CopyByRows(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
+{
+    std::vector<float> row(static_cast<size_t>(w) * nin);
+    for (int y = 0; y < h; ++y) {
+        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+            return false;
+        for (int b = 0; b < nout; ++b)
+            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, 1, row.data() + static_cast<size_t>(b % nin) * w,
+                                                    w, 1, GDT_Float32, 0, 0, nullptr) != CE_None)
+                return false;
+    }
+    return true;
+}
+
+bool CopyByBands(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
+{
+    std::vector<float> band(static_cast<size_t>(w) * h);
+    for (int b = 0; b < nout; ++b) {
+        if (in->GetRasterBand(b % nin + 1)->RasterIO(GF_Read, 0, 0, w, h, band.data(), w, h, GDT_Float32, 0, 0) != CE_None ||
+            out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, 0, w, h, band.data(), w, h, GDT_Float32, 0, 0) != CE_None)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc != 4) {
-        std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS\n");
+    if (argc < 4 || argc > 5) {
+        std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands]\n");
         return 2;
     }
+    const bool byBands = argc == 5 && std::strcmp(argv[4], "bands") == 0;
     GDALAllRegister();
     // The same block cache the host libraries use, so the comparison is of the work, not the cache.
     if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
@@ -31,16 +65,8 @@ int main(int argc, char** argv)
         out->SetGeoTransform(gt);
     if (const OGRSpatialReference* srs = in->GetSpatialRef())
         out->SetSpatialRef(srs);
-    std::vector<float> row(static_cast<size_t>(w) * nin);
-    for (int y = 0; y < h; ++y) {
-        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
-            return 1;
-        for (int b = 0; b < nout; ++b)
-            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, 1, row.data() + static_cast<size_t>(b % nin) * w,
-                                                    w, 1, GDT_Float32, 0, 0, nullptr) != CE_None)
-                return 1;
-    }
+    const bool ok = byBands ? CopyByBands(in, out, w, h, nin, nout) : CopyByRows(in, out, w, h, nin, nout);
     GDALClose(out);
     GDALClose(in);
-    return 0;
+    return ok ? 0 : 1;
 }
