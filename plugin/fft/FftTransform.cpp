@@ -179,26 +179,46 @@ TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenBlockReader(const QString&
     return OpenInputRaster(input);
 }
 
+TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenInput(const QString& input)
+{
+    RasterPtr in = OpenInputRaster(input);
+    if (!in) {
+        Fail(kContext, "Failed to open the input file!");
+        return nullptr;
+    }
+    if (in->GetRasterXSize() > kMaxWidth) {
+        Fail(kContext, "The image is wider than 1048576 columns; the Fourier transform cannot hold its rows!");
+        return nullptr;
+    }
+    return in;
+}
+
+TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::CreateLike(OrvDataSource::RasterDataset& in, const QString& output,
+                                                             int bands, int type, const QString& format)
+{
+    RasterPtr out = CreateOutput(output, in.GetRasterXSize(), in.GetRasterYSize(), bands, type, format);
+    if (!out) {
+        Fail(kContext, "OutFile Creat Fail!");
+        return nullptr;
+    }
+    CopyGeoTransform(&in, out.get());
+    CopySpatialReference(&in, out.get());
+    return out;
+}
+
 bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output, const QString& format,
                                     std::vector<int> bands)
 {
     WorkspaceRelease release(m_workspace);
-    RasterPtr in = OpenInputRaster(input);
-    if (!in)
-        return Fail(kContext, "Failed to open the input file!");
+    RasterPtr in = OpenInput(input);
+    if (!in || !SelectBands(bands, in->GetBandCount()))
+        return false;
     const int width = in->GetRasterXSize();
     const int height = in->GetRasterYSize();
-    if (width > kMaxWidth)
-        return Fail(kContext, "The image is wider than 1048576 columns; the Fourier transform cannot hold its rows!");
-    if (!SelectBands(bands, in->GetBandCount()))
-        return false;
     const int bandCount = static_cast<int>(bands.size());
-
-    RasterPtr out = CreateOutput(output, width, height, 2 * bandCount, PDT_Float32, format);
+    RasterPtr out = CreateLike(*in, output, 2 * bandCount, PDT_Float32, format);
     if (!out)
-        return Fail(kContext, "OutFile Creat Fail!");
-    CopyGeoTransform(in.get(), out.get());
-    CopySpatialReference(in.get(), out.get());
+        return false;
 
     const QString message = Tr(kContext, "Forward FFT Transform is running...");
     const long long pixels = static_cast<long long>(width) * height;
@@ -218,26 +238,22 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
                                     const QString& format)
 {
     WorkspaceRelease release(m_workspace);
-    RasterPtr in = OpenInputRaster(input);
+    RasterPtr in = OpenInput(input);
     if (!in)
-        return Fail(kContext, "Failed to open the input file!");
+        return false;
     if (outTypeIndex < 0 || outTypeIndex > 6)
         return Fail(kContext, "Invalid output data type: the index must lie between 0 (Byte) and 6 (Float64)!");
     const int width = in->GetRasterXSize();
     const int height = in->GetRasterYSize();
-    if (width > kMaxWidth)
-        return Fail(kContext, "The image is wider than 1048576 columns; the Fourier transform cannot hold its rows!");
     // Bands come in (real, imaginary) pairs; an odd last band has no partner and is left out.
     const int outCount = in->GetBandCount() / 2;
     if (outCount < 1)
         return Fail(kContext, "The input file has no pair of real and imaginary bands!");
     const int outType = outTypeIndex + 1;
 
-    RasterPtr out = CreateOutput(output, width, height, outCount, outType, format);
+    RasterPtr out = CreateLike(*in, output, outCount, outType, format);
     if (!out)
-        return Fail(kContext, "OutFile Creat Fail!");
-    CopyGeoTransform(in.get(), out.get());
-    CopySpatialReference(in.get(), out.get());
+        return false;
 
     const QString message = Tr(kContext, "Inverse FFT Transform is running...");
     const long long pixels = static_cast<long long>(width) * height;

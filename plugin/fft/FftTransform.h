@@ -22,6 +22,11 @@ public:
 private:
     // Every step returns false after leaving its reason: the cancelled exit or a failure text.
     bool SelectBands(std::vector<int>& bands, int bandCount);
+    // Both runs: null, with the reason left, when the input cannot be opened or is too wide.
+    RasterPtr OpenInput(const QString& input);
+    // Both runs: the output with the input's geo-transform and coordinate system, or null.
+    RasterPtr CreateLike(OrvDataSource::RasterDataset& in, const QString& output, int bands, int type,
+                         const QString& format);
     static RasterPtr OpenBlockReader(const QString& input);
     // bandNumber and realBandNumber are 1-based; the imaginary band follows the real one.
     bool ReadAndTransformRows(const QString& input, int bandNumber, FftBandBlocks& blocks, long long unitsBefore,
