@@ -375,22 +375,24 @@ std::vector<std::uint32_t> Bits(const std::vector<double>& v)
     return bits;
 }
 
-// What the runs compute band by band, whole: rows then columns, and back.
+// What the runs compute band by band, whole: rows then the column-at-a-time reference, and back.
 std::vector<double> WholeBandForward(const std::vector<double>& band, std::size_t w, std::size_t h)
 {
     std::vector<float> in(band.begin(), band.end()), out(band.size());
-    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::ColumnScratchSize(w)));
-    WaveletKernel::ForwardRows(in.data(), in.data(), w, h, scratch.data());
-    WaveletKernel::ForwardColumns(in.data(), out.data(), w, h, scratch.data());
+    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::PerColumnScratchSize(h)));
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::ForwardLine(&in[r * w], &in[r * w], w, scratch.data());
+    WaveletKernel::ForwardColumnsPerColumn(in.data(), out.data(), w, h, scratch.data());
     return {out.begin(), out.end()};
 }
 
 std::vector<double> WholeBandInverse(const std::vector<double>& band, std::size_t w, std::size_t h)
 {
     std::vector<float> in(band.begin(), band.end()), out(band.size());
-    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::ColumnScratchSize(w)));
-    WaveletKernel::InverseColumns(in.data(), out.data(), w, h, scratch.data());
-    WaveletKernel::InverseRows(out.data(), out.data(), w, h, scratch.data());
+    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::PerColumnScratchSize(h)));
+    WaveletKernel::InverseColumnsPerColumn(in.data(), out.data(), w, h, scratch.data());
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::InverseLine(&out[r * w], &out[r * w], w, scratch.data());
     return {out.begin(), out.end()};
 }
 
