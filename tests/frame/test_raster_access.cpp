@@ -52,6 +52,7 @@ TEST(ToFloatArray, ConvertsEachTypeByValue)
     const uint32_t u32[] = {4294967295u, 16777217u};
     const int32_t i32[] = {-2147483647 - 1, 7};
     const double f64[] = {1e300, -0.1};
+    const double f64Edges[] = {-1e300, 3.4028235e38};
     const uint8_t u8[] = {255, 1};
     struct Case { const void* src; int type; float a, b; };
     const Case cases[] = {
@@ -61,6 +62,8 @@ TEST(ToFloatArray, ConvertsEachTypeByValue)
         {u32, 4, 4294967296.0f, 16777216.0f}, // nearest floats
         {i32, 5, -2147483648.0f, 7.0f},
         {f64, 7, std::numeric_limits<float>::infinity(), -0.1f},
+        // just above the largest float but nearer to it than to infinity
+        {f64Edges, 7, -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::max()},
         {u8, 9, 0.0f, 0.0f}, // complex: left at 0
     };
     for (const Case& c : cases) {
@@ -85,9 +88,13 @@ class FreeSpace : public ::testing::Test {
 protected:
     void SetUp() override { saved = FreeSpaceSeam(); }
     void TearDown() override { FreeSpaceSeam() = saved; }
-    void Fake(unsigned long long bytes)
+    // A drive with `bytes` free, of which the caller may use `available` (reserved blocks aside).
+    void Fake(unsigned long long bytes, unsigned long long available = 0)
     {
-        FreeSpaceSeam() = [bytes, this](const QString& folder) { asked = folder; return bytes; };
+        FreeSpaceSeam() = [=, this](const QString& folder) {
+            asked = folder;
+            return DriveSpace{bytes, available};
+        };
     }
     FreeSpaceQuery saved;
     QString asked;
@@ -106,6 +113,12 @@ TEST_F(FreeSpace, LeavesAHundredMebibytesComparedInSinglePrecision)
     EXPECT_FALSE(EnoughFreeSpace("sub/out.tif", 0)) << "a nearly full disk refuses even an empty output";
 }
 
+TEST_F(FreeSpace, CountsTheDrivesFreeBytesNotTheCallersShare)
+{
+    Fake(static_cast<unsigned long long>(300 * MiB), 0);
+    EXPECT_TRUE(EnoughFreeSpace("out.tif", 100 * MiB));
+}
+
 TEST_F(FreeSpace, PathsStartingWithASlashOrBackslashAreNotChecked)
 {
     Fake(0);
@@ -114,9 +127,11 @@ TEST_F(FreeSpace, PathsStartingWithASlashOrBackslashAreNotChecked)
     EXPECT_FALSE(EnoughFreeSpace("./out.tif", 1));
 }
 
-TEST(FreeSpaceQueryDefault, AsksTheRealFileSystem)
+TEST(FreeSpaceQueryDefault, AsksTheRealFileSystemAlsoForAFolderNotMadeYet)
 {
-    EXPECT_GT(FreeSpaceSeam()(QString::fromStdString(std::filesystem::temp_directory_path().string())), 0u);
+    const auto temp = QString::fromStdString(std::filesystem::temp_directory_path().string());
+    EXPECT_GT(FreeSpaceSeam()(temp).freeBytes, 0u);
+    EXPECT_GT(FreeSpaceSeam()(temp + "/no-such-folder/deeper").freeBytes, 0u);
 }
 
 } // namespace

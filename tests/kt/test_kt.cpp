@@ -3,6 +3,7 @@
 #include "frame/RasterAccess.h"
 #include "kt/KTTransformFunc.h"
 
+#include <gdal_utils.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -155,6 +156,27 @@ TEST(BandChoice, SevenBandTMSceneUsesBandSevenAndEightBandsUseOneToSix)
     ExpectComponents(eight, 0, {1, 2, 3, 4, 5, 6}, dir.file("eight_tm.tif"));
 }
 
+// A mosaic of a Byte band and wider bands: each is converted from its own type, none clamped to Byte.
+TEST(BandChoice, BandsOfMixedTypesAreEachReadInTheirOwnType)
+{
+    TempDir dir;
+    const tavtest::PixelFn fn = [](int b, int x, int y) { return b == 0 ? 200.0 + x : -500.0 + 400 * b + y; };
+    std::vector<std::string> files;
+    for (int b = 0; b < 6; ++b) {
+        files.push_back(dir.file("b" + std::to_string(b) + ".tif"));
+        tavtest::WriteRaster(files.back(), tavtest::Shape(4, 3, 1, b == 0 ? GDT_Byte : GDT_Int16),
+                             [&](int, int x, int y) { return fn(b, x, y); });
+    }
+    std::vector<const char*> names;
+    for (const auto& f : files)
+        names.push_back(f.c_str());
+    const char* argv[] = {"-separate", nullptr};
+    GDALBuildVRTOptions* options = GDALBuildVRTOptionsNew(const_cast<char**>(argv), nullptr);
+    GDALClose(GDALBuildVRT(dir.file("mixed.vrt").c_str(), 6, nullptr, names.data(), options, nullptr));
+    GDALBuildVRTOptionsFree(options);
+    ExpectComponents({dir.file("mixed.vrt"), fn, 4, 3, 6}, 2, {1, 2, 3, 4, 5, 6}, dir.file("out.tif"));
+}
+
 TEST(BandChoice, FiveBandsFailForSixBandSetsAndServeMss)
 {
     TempDir dir;
@@ -280,7 +302,7 @@ TEST(Failures, LowDiskSpaceLeavesAnEarlierOutputInPlace)
     const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
     tavtest::WriteText(dir.file("earlier.tif"), "an earlier result");
     const FreeSpaceQuery saved = FreeSpaceSeam();
-    FreeSpaceSeam() = [](const QString&) { return 1024ull * 1024 * 50; };
+    FreeSpaceSeam() = [](const QString&) { return DriveSpace{1024ull * 1024 * 50, 0}; };
     // A relative path: absolute ones are not checked.
     const std::string relative = std::filesystem::relative(dir.file("earlier.tif")).string();
     AlgoHarness h;

@@ -165,7 +165,7 @@ class FakeFreeSpace {
 public:
     explicit FakeFreeSpace(unsigned long long bytes) : m_saved(FreeSpaceSeam())
     {
-        FreeSpaceSeam() = [bytes](const QString&) { return bytes; };
+        FreeSpaceSeam() = [bytes](const QString&) { return DriveSpace{bytes, bytes}; };
     }
     ~FakeFreeSpace() { FreeSpaceSeam() = m_saved; }
 
