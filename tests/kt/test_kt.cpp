@@ -61,27 +61,12 @@ double Tolerance(int sensor, const std::vector<double>& used)
     return 4e-7 * mag * 8 + 1e-6;
 }
 
-struct TypeRange {
-    GDALDataType type;
-    double lo, hi;
-    bool integer;
-};
+using tavtest::TypeRange;
 
 const TypeRange kRanges[] = {
-    {GDT_Byte, 0, 255, true},        {GDT_UInt16, 0, 65535, true},   {GDT_Int16, -32768, 32767, true},
-    {GDT_UInt32, 0, 4e9, true},      {GDT_Int32, -2e9, 2e9, true},   {GDT_Float32, -1e4, 1e4, false},
-    {GDT_Float64, -1e6, 1e6, false},
+    {GDT_Byte, 0, 255},   {GDT_UInt16, 0, 65535}, {GDT_Int16, -32768, 32767}, {GDT_UInt32, 0, 4e9},
+    {GDT_Int32, -2e9, 2e9}, {GDT_Float32, -1e4, 1e4}, {GDT_Float64, -1e6, 1e6},
 };
-
-// Pixel values fixed by a seed, for a scene of the given bands and type.
-tavtest::PixelFn RandomPixels(const TypeRange& r, unsigned seed)
-{
-    return [r, seed](int b, int x, int y) {
-        std::mt19937 rng(seed * 7919u + b * 104729u + y * 1299709u + x);
-        const double v = std::uniform_real_distribution<double>(r.lo, r.hi)(rng);
-        return r.integer ? std::floor(v) : static_cast<double>(static_cast<float>(v));
-    };
-}
 
 struct Scene {
     std::string path;
@@ -96,7 +81,7 @@ Scene MakeScene(const TempDir& dir, const std::string& name, int bands, const Ty
     shape.height = h;
     shape.bands = bands;
     shape.type = r.type;
-    Scene s{dir.file(name), RandomPixels(r, bands * 31 + r.type), w, h, bands};
+    Scene s{dir.file(name), tavtest::RandomPixels(r, bands * 31 + r.type), w, h, bands};
     tavtest::WriteRaster(s.path, shape, s.fn);
     return s;
 }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,17 @@ inline RasterShape Shape(int width, int height, int bands = 1, GDALDataType type
     s.geo = geo;
     return s;
 }
+
+// A pixel type with the range its random test pixels are drawn from.
+struct TypeRange {
+    GDALDataType type;
+    double lo, hi;
+};
+void PrintTo(const TypeRange& r, std::ostream* os);
+
+// Repeatable pixels drawn from the range; integer types get whole numbers, floating types keep
+// every digit the draw gives.
+PixelFn RandomPixels(const TypeRange& r, unsigned seed);
 
 // Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
 void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn);

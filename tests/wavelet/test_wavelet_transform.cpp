@@ -47,28 +47,13 @@ constexpr long long kBudget = 100000000; // Execute's memory budget
 const char* kForwardText = "Forward Wavelet Transform is running...";
 const char* kInverseText = "Inverse Wavelet Transform is running...";
 
-struct TypeRange {
-    GDALDataType type;
-    double lo, hi;
-};
+using tavtest::TypeRange;
 
 // Ranges spanning zero or starting at it, so the peak magnitude is the range or half of it.
 const TypeRange kTypes[] = {
     {GDT_Byte, 0, 255},         {GDT_UInt16, 0, 65535}, {GDT_Int16, -32768, 32767}, {GDT_UInt32, 0, 1e6},
     {GDT_Int32, -1e6, 1e6},     {GDT_Float32, -500, 1e3}, {GDT_Float64, -1e3, 1e3},
 };
-
-void PrintTo(const TypeRange& r, std::ostream* os) { *os << GDALGetDataTypeName(r.type); }
-
-// Repeatable pixels; integer types get whole numbers, Float64 keeps digits a float cannot hold.
-tavtest::PixelFn RandomPixels(const TypeRange& r, unsigned seed)
-{
-    return [r, seed](int b, int x, int y) {
-        std::mt19937 rng(seed * 7919u + b * 104729u + y * 1299709u + x);
-        const double v = std::uniform_real_distribution<double>(r.lo, r.hi)(rng);
-        return r.type == GDT_Float32 || r.type == GDT_Float64 ? v : std::floor(v);
-    };
-}
 
 struct Shape {
     int w, h, bands;
@@ -98,7 +83,7 @@ struct Scene {
 
 Scene MakeScene(const TempDir& dir, const std::string& name, Shape shape, const TypeRange& r = kTypes[5])
 {
-    Scene s{dir.file(name), shape, RandomPixels(r, 1 + shape.w * 131 + shape.h * 17 + r.type)};
+    Scene s{dir.file(name), shape, tavtest::RandomPixels(r, 1 + shape.w * 131 + shape.h * 17 + r.type)};
     tavtest::WriteRaster(s.path, tavtest::Shape(shape.w, shape.h, shape.bands, r.type), s.fn);
     return s;
 }
