@@ -1,3 +1,4 @@
+#include "AlgoHarness.h"
 #include "TestSupport.h"
 #include "frame/RasterAccess.h"
 
@@ -83,48 +84,24 @@ TEST(DispatchPixelType, HandsTheMatchingCppType)
     EXPECT_FALSE(DispatchPixelType(8, [](auto) { ADD_FAILURE(); }));
 }
 
-// Replaces the free-space query for one test.
-class FreeSpace : public ::testing::Test {
-protected:
-    void SetUp() override { saved = FreeSpaceSeam(); }
-    void TearDown() override { FreeSpaceSeam() = saved; }
-    // A drive with `bytes` free, of which the caller may use `available` (reserved blocks aside).
-    void Fake(unsigned long long bytes, unsigned long long available = 0)
-    {
-        FreeSpaceSeam() = [=, this](const QString& folder) {
-            asked = folder;
-            return DriveSpace{bytes, available};
-        };
-    }
-    FreeSpaceQuery saved;
-    QString asked;
-};
-
 constexpr double MiB = 1024.0 * 1024.0;
 
-TEST_F(FreeSpace, LeavesAHundredMebibytesComparedInSinglePrecision)
+// The drive's free bytes count, not the caller's share of them (reserved blocks aside), with 100 MiB
+// left over, compared in single precision.
+TEST(FreeSpace, LeavesAHundredMebibytesOfTheDrivesFreeBytes)
 {
-    Fake(static_cast<unsigned long long>(300 * MiB));
-    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB)) << "exactly 100 MiB left is enough";
-    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB + 1)) << "one byte over vanishes in a float";
-    EXPECT_FALSE(EnoughFreeSpace("out.tif", 200 * MiB + 64));
-    EXPECT_EQ(asked, QFileInfo("out.tif").absolutePath());
-    Fake(50 * 1024 * 1024);
+    {
+        tavtest::FakeFreeSpace drive(static_cast<unsigned long long>(300 * MiB), 0);
+        EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB)) << "exactly 100 MiB left is enough";
+        EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB + 1)) << "one byte over vanishes in a float";
+        EXPECT_FALSE(EnoughFreeSpace("out.tif", 200 * MiB + 64));
+        EXPECT_EQ(drive.asked, QFileInfo("out.tif").absolutePath());
+    }
+    tavtest::FakeFreeSpace nearlyFull(50 * 1024 * 1024);
     EXPECT_FALSE(EnoughFreeSpace("sub/out.tif", 0)) << "a nearly full disk refuses even an empty output";
-}
-
-TEST_F(FreeSpace, CountsTheDrivesFreeBytesNotTheCallersShare)
-{
-    Fake(static_cast<unsigned long long>(300 * MiB), 0);
-    EXPECT_TRUE(EnoughFreeSpace("out.tif", 100 * MiB));
-}
-
-TEST_F(FreeSpace, PathsStartingWithASlashOrBackslashAreNotChecked)
-{
-    Fake(0);
-    EXPECT_TRUE(EnoughFreeSpace("/data/out.tif", 1e12));
-    EXPECT_TRUE(EnoughFreeSpace("\\\\server\\share\\out.tif", 1e12));
     EXPECT_FALSE(EnoughFreeSpace("./out.tif", 1));
+    EXPECT_TRUE(EnoughFreeSpace("/data/out.tif", 1e12)) << "paths from the root are not checked";
+    EXPECT_TRUE(EnoughFreeSpace("\\\\server\\share\\out.tif", 1e12)) << "nor network shares";
 }
 
 TEST(FreeSpaceQueryDefault, AsksTheRealFileSystemAlsoForAFolderNotMadeYet)

@@ -286,13 +286,11 @@ TEST(Failures, LowDiskSpaceLeavesAnEarlierOutputInPlace)
     TempDir dir;
     const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
     tavtest::WriteText(dir.file("earlier.tif"), "an earlier result");
-    const FreeSpaceQuery saved = FreeSpaceSeam();
-    FreeSpaceSeam() = [](const QString&) { return DriveSpace{1024ull * 1024 * 50, 0}; };
+    tavtest::FakeFreeSpace nearlyFull(1024ull * 1024 * 50);
     // A relative path: absolute ones are not checked.
     const std::string relative = std::filesystem::relative(dir.file("earlier.tif")).string();
     AlgoHarness h;
     const bool ok = h.Run(TransRecord(4, true, s.path, relative));
-    FreeSpaceSeam() = saved;
     EXPECT_FALSE(ok);
     EXPECT_EQ(h.Code(), 1);
     EXPECT_EQ(h.Text(), QString("Low Disk Space!"));

@@ -123,6 +123,12 @@ std::string SampleScene()
     return std::filesystem::exists(p) ? p.string() : std::string();
 }
 
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 void PrintTo(const TypeRange& r, std::ostream* os) { *os << GDALGetDataTypeName(r.type); }
 
 PixelFn RandomPixels(const TypeRange& r, unsigned seed)

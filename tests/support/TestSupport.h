@@ -81,6 +81,7 @@ RasterInfo Info(const std::string& path);
 
 bool Exists(const std::string& path);
 void WriteText(const std::string& path, const std::string& text);
+std::string ReadFile(const std::string& path);
 
 // The real Landsat subset shipped beside the project, or empty when it is absent.
 std::string SampleScene();
