@@ -7,6 +7,8 @@
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
+#include <filesystem>
+
 namespace OrvDataSource {
 
 namespace {
@@ -187,6 +189,10 @@ QString DatasetFactory::OutputFormatProblem(const QString& format, int bands, Pi
 bool DatasetFactory::DeleteRaster(const QString& path)
 {
     const QByteArray name = Native(path);
+    // Only what we wrote: a device or fifo under the name is never ours to remove.
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(name.constData(), ec)))
+        return false;
     CPLPushErrorHandler(CPLQuietErrorHandler);
     const bool deleted = GDALDeleteDataset(nullptr, name.constData()) == CE_None;
     CPLPopErrorHandler();
