@@ -113,16 +113,18 @@ std::string CheckSameFiles(const Options& o, const InputFacts& f)
 // The format must hold what the command writes, or the run is refused before anything is touched.
 std::string CheckFormat(Options& o, const InputFacts& f)
 {
+    const QString format = QString::fromStdString(o.format);
     const PlannedOutput plan = PlanOutput(o, f.bands);
+    // No bands asked about: what is wrong with the format itself.
+    QString problem = DatasetFactory::Instance()->OutputFormatProblem(format, 0, plan.type, nullptr);
+    if (!problem.isEmpty())
+        return "option -of: " + problem.toStdString();
     QString warning;
-    const QString problem = DatasetFactory::Instance()->OutputFormatProblem(QString::fromStdString(o.format),
-                                                                            plan.bands, plan.type, &warning);
+    problem = DatasetFactory::Instance()->OutputFormatProblem(format, plan.bands, plan.type, &warning);
     if (!warning.isEmpty())
         o.request.warning = "Warning: " + warning.toStdString();
     if (problem.isEmpty())
         return {};
-    if (problem.startsWith('\''))
-        return "option -of: " + problem.toStdString();
     return "option -of: " + o.format + " cannot hold " + std::to_string(plan.bands) + " band(s) of " +
            PixelTypeName(plan.type).toStdString() + ": " + problem.toStdString();
 }

@@ -150,6 +150,8 @@ TEST(Protection, TargetsTheUserOwnsAreRefusedAndLeftAsTheyWere)
         {{"dwt", dir.file("v.vrt"), in}, "which INPUT reads"},
         {{"fft", dir.file("complex.tif"), o}, "CInt16, a complex pixel type"},
         {{"fft", "-of", "PNG", in, o}, "PNG cannot hold 12 band(s) of Float32"},
+        {{"kt", "-of", "VRT", in, o}, "option -of: VRT only points at other files"},
+        {{"kt", "-of", "MEM", in, o}, "option -of: MEM keeps the raster in memory"},
     };
     for (const Case& c : cases)
         ExpectRefused(dir, c.args, 2, c.message, in, o);
