@@ -13,6 +13,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 extern char** environ;
@@ -196,10 +197,11 @@ TEST(HostGuard, FullFileSystemEndsInStatus1WithGdalsReason)
     std::filesystem::create_directory(full);
     if (std::system(("mount -t tmpfs -o size=2m tmpfs " + Quote(full) + " 2>/dev/null").c_str()) != 0)
         GTEST_SKIP() << "mounting a tmpfs is not allowed here; a full device is checked in Protection";
+    // Unmounted on every way out, so the temporary folder can go.
+    const std::shared_ptr<void> unmount(nullptr, [&](void*) { std::system(("umount " + Quote(full)).c_str()); });
     ExpectRefused(dir, {"fft", in, full + "/out.tif"}, 1, "out.tif failed: _tiffWriteProc:No space left on device",
                   in, full + "/out.tif");
     EXPECT_TRUE(std::filesystem::is_empty(full));
-    std::system(("umount " + Quote(full)).c_str());
 }
 
 // INPUT is whatever GDAL opens; option values take any case.
