@@ -1,5 +1,8 @@
 #include "Options.h"
 
+#include <strings.h>
+
+#include <cctype>
 #include <map>
 #include <set>
 
@@ -115,7 +118,10 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
     };
     std::string v;
     if (a == "-sensor") {
-        if (!value(o.sensor) || (o.sensor != "tm" && o.sensor != "mss" && o.sensor != "etm"))
+        const bool given = value(o.sensor);
+        for (char& ch : o.sensor) // any case, as GDAL's tools take their values
+            ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        if (!given || (o.sensor != "tm" && o.sensor != "mss" && o.sensor != "etm"))
             return "option -sensor takes tm, mss or etm";
     } else if (a == "-b") {
         int b = 0;
@@ -178,7 +184,7 @@ int PixelTypeIndex(const std::string& name)
 {
     static const char* names[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
     for (int i = 0; i < 7; ++i)
-        if (name == names[i])
+        if (strcasecmp(name.c_str(), names[i]) == 0)
             return i;
     return -1;
 }

@@ -92,3 +92,21 @@ ParseResult BuildRecord(Options o)
     result.request = std::move(o.request);
     return result;
 }
+
+PlannedOutput PlanOutput(const Options& o, int inputBands)
+{
+    using namespace OrvDataSource;
+    const auto chosenType = static_cast<PixelDataType>(PixelTypeIndex(o.outType) + 1);
+    const std::string& c = o.command;
+    if (c == "kt")
+        return {o.sensor == "tm" ? 3 : o.sensor == "mss" ? 4 : 6, PDT_Float32};
+    if (c == "fft")
+        return {2 * static_cast<int>(o.bands.empty() ? inputBands : o.bands.size()), PDT_Float32};
+    if (c == "fft-inverse")
+        return {inputBands / 2, chosenType};
+    if (c == "pca")
+        return {o.request.statsOnly ? 0 : o.components ? o.components : inputBands, chosenType};
+    if (c == "pca-inverse")
+        return {inputBands, chosenType};
+    return {inputBands, PDT_Float32}; // wavelet and MNF runs keep the band count in Float32
+}

@@ -1,5 +1,6 @@
 #include "OrvDataSource/RasterBand.h"
 #include "OrvDataSource/RasterDataset.h"
+#include "OrvDataSource/GdalErrors.h"
 #include "OrvDataSource/GdalTypeMap.h"
 
 #include <gdal_priv.h>
@@ -42,8 +43,11 @@ bool RasterBand::BlockIO(bool write, int x, int y, int w, int h, void* data, int
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data)
         return false;
-    return m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
-                              pixelSpace, lineSpace, nullptr) == CE_None;
+    if (m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
+                           pixelSpace, lineSpace, nullptr) == CE_None)
+        return true;
+    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), m_owner->GetOutputPath());
+    return false;
 }
 
 } // namespace OrvDataSource

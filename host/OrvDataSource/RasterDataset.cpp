@@ -13,20 +13,31 @@ RasterDataset::~RasterDataset()
 {
     if (m_strCopyTarget.isEmpty())
         return;
-    CloseGDAL();
-    const QByteArray tmp = m_strPath.toUtf8();
+    CloseGDAL(m_strCopyTarget);
+    CopyToTarget();
+    GDALDeleteDataset(nullptr, m_strPath.toUtf8().constData());
+    QFile::remove(m_strPath);
+}
+
+void RasterDataset::CopyToTarget()
+{
     const QByteArray target = m_strCopyTarget.toUtf8();
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(m_strCopyDriver.toUtf8().constData());
-    GDALDataset* src = GDALDataset::Open(tmp.constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
-    if (driver && src) {
-        GDALDataset* copy = driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr);
-        if (copy)
-            GDALClose(GDALDataset::ToHandle(copy));
-    }
+    GDALDataset* src = GDALDataset::Open(m_strPath.toUtf8().constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
+    const int before = GdalFailureCount();
+    GDALDataset* copy = driver && src ? driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr)
+                                      : nullptr;
+    if (copy)
+        GDALClose(GDALDataset::ToHandle(copy));
     if (src)
         GDALClose(GDALDataset::ToHandle(src));
-    GDALDeleteDataset(nullptr, tmp.constData());
-    QFile::remove(m_strPath);
+    if (!copy || GdalFailureCount() > before) {
+        // Whatever the driver left of a failed copy is not a raster the user can use.
+        RecordFailure(QStringLiteral("copying to ") + m_strCopyDriver, m_strCopyTarget);
+        if (driver && copy)
+            GDALDeleteDataset(GDALDriver::ToHandle(driver), target.constData());
+        QFile::remove(m_strCopyTarget);
+    }
 }
 
 int RasterDataset::GetRasterXSize() const { return m_poDS->GetRasterXSize(); }
@@ -101,8 +112,11 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
         return false;
-    return m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
-                            const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None;
+    if (m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
+                         const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None)
+        return true;
+    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), GetOutputPath());
+    return false;
 }
 
 bool RasterDataset::SetGeoTransform(const double* gt)

@@ -46,6 +46,7 @@ public:
     QString GetOutputPath() const { return m_strCopyTarget.isEmpty() ? m_strPath : m_strCopyTarget; }
 
 private:
+    void CopyToTarget();
     bool RasterIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
                   PixelDataType type, int bandCount, const int* bands,
                   long long pixelSpace, long long lineSpace, long long bandSpace);

@@ -232,6 +232,13 @@ TEST(CopyOnlyFormats, PngOutputIsWrittenThroughATemporaryGTiff)
     EXPECT_EQ(back, (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_FALSE(tavtest::Exists(png.toStdString() + ".tmp.tif"));
     EXPECT_EQ(tavtest::Info(png.toStdString()).type, GDT_Byte);
+    // A copy that fails at the end is a recorded failure, and nothing is left under the name.
+    ClearGdalError();
+    DatasetFactory::Instance()->CreateRasterDataset(dir.qfile("five.png"), 5, 2, 5, PDT_Byte, "PNG", nullptr);
+    ASSERT_EQ(RecordedFailures().size(), 1);
+    EXPECT_TRUE(RecordedFailures()[0].startsWith("copying to PNG " + dir.qfile("five.png") + " failed: PNG driver"));
+    EXPECT_FALSE(tavtest::Exists(dir.file("five.png")));
+    EXPECT_FALSE(tavtest::Exists(dir.file("five.png.tmp.tif")));
 }
 
 TEST(OpenFailures, MissingAndNonRasterFilesGiveNullWithGdalMessageAndNoOutput)
@@ -273,6 +280,8 @@ TEST(ReadFailures, TruncatedFileYieldsZeroFilledBufferNotNull)
     const auto* px = static_cast<const uint16_t*>(buf->GetData());
     EXPECT_TRUE(std::all_of(px, px + 256, [](uint16_t v) { return v == 0; }));
     EXPECT_FALSE(LastGdalError().strMessage.isEmpty());
+    ASSERT_FALSE(RecordedFailures().isEmpty());
+    EXPECT_TRUE(RecordedFailures()[0].startsWith("reading " + dir.qfile("t.tif") + " failed: ")) << "the failure is kept";
 }
 
 TEST(Create, UnknownFormatAndUnwritableFolderGiveNull)
