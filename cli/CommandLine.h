@@ -14,6 +14,7 @@ struct Request {
     bool quiet = false;
     bool statsOnly = false;   // pca -stats-only: print the eigenvalue table afterwards
     std::string pluginPath;   // empty: beside the executable, then ../lib
+    std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.

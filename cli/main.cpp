@@ -1,5 +1,6 @@
 // tavtransform: parses a command line into a parameter record, loads the plug-in the way a host
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
+#include "BandNames.h"
 #include "CommandLine.h"
 #include "TermProgress.h"
 
@@ -188,7 +189,7 @@ int Run(const Request& req)
         return kInterrupted;
     }
     if (ok)
-        return kOk;
+        return FinishOutput(req) ? kOk : kFailed;
     std::fprintf(stderr, "ERROR %d: %s\n", code,
                  text.isEmpty() ? DescribeCode(code).c_str() : text.toLocal8Bit().constData());
     const OrvDataSource::GdalError gdal = OrvDataSource::LastGdalError();
