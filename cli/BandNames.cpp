@@ -70,6 +70,13 @@ int FourierSource(const Request& req, int band)
     return t && pair < t->vecBands.size() ? t->vecBands[pair] : static_cast<int>(pair) + 1;
 }
 
+// ENVI and HFA fill in "Band 1" and "Layer_1" on their own; those are no names the plug-in gave.
+bool Unnamed(const std::string& description, int band)
+{
+    const std::string n = std::to_string(band);
+    return description.empty() || description == "Band " + n || description == "Layer_" + n;
+}
+
 } // namespace
 
 std::string BandName(const Request& req, int band)
@@ -115,7 +122,7 @@ void DescribeOutput(const Request& req)
     if (ds) {
         for (int b = 1; b <= ds->GetRasterCount(); ++b) {
             GDALRasterBand* band = ds->GetRasterBand(b);
-            if (std::string(band->GetDescription()).empty())
+            if (Unnamed(band->GetDescription(), b))
                 band->SetDescription(BandName(req, b).c_str());
         }
         for (const auto& [key, value] : RunMetadata(req))
