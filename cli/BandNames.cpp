@@ -114,8 +114,12 @@ void DescribeOutput(const Request& req)
     const std::string output = OutputFile(req);
     if (output.empty())
         return;
-    // A format without update support or without room for these just stays as it is, quietly.
     GDALAllRegister();
+    // A copy-only format (COG, PNG) was written whole; changing it afterwards would undo its layout.
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(Fields(req).format.c_str());
+    if (!driver || !driver->GetMetadataItem(GDAL_DCAP_CREATE))
+        return;
+    // A format without update support or without room for these just stays as it is, quietly.
     CPLPushErrorHandler(CPLQuietErrorHandler);
     std::unique_ptr<GDALDataset> ds(
         GDALDataset::FromHandle(GDALOpenEx(output.c_str(), GDAL_OF_RASTER | GDAL_OF_UPDATE, nullptr, nullptr, nullptr)));
