@@ -16,13 +16,12 @@ class UnpackedPackage(unittest.TestCase):
                            check=True, capture_output=True)
             deb, = glob.glob(os.path.join(tmp, "tavtransform_*.deb"))
             depends = subprocess.run(["dpkg-deb", "-f", deb, "Depends"], check=True, capture_output=True, text=True).stdout
-            for runtime in ["libgdal", "libqt5core5a", "python3-numpy"]:
-                self.assertIn(runtime, depends)
+            self.assertRegex(depends, r"libgdal\d+ .*libqt5core5a|libqt5core5a.*libgdal\d+ ")
             root = os.path.join(tmp, "root")
             subprocess.run(["dpkg", "-x", deb, root], check=True)
             cli = os.path.join(root, "usr", "bin", "tavtransform")
-            version = subprocess.run([cli, "--version"], check=True, capture_output=True, text=True).stdout
-            self.assertRegex(version, r"^tavtransform \d+\.\d+\.\d+\n$")
+            self.assertRegex(subprocess.run([cli, "--version"], check=True, capture_output=True, text=True).stdout,
+                             r"^tavtransform \d+\.\d+\.\d+\n$")
 
             scene, out = os.path.join(tmp, "scene.tif"), os.path.join(tmp, "kt.tif")
             subprocess.run([os.path.join(BUILD, "bin", "tav-make-scene"), scene, "40", "30", "6", "Byte"], check=True)
