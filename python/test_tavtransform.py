@@ -10,7 +10,7 @@ from osgeo import gdal
 
 import tavtransform
 
-SAMPLE = os.environ.get("TAV_SAMPLE", "")
+SAMPLE, CLI = os.environ.get("TAV_SAMPLE", ""), os.environ.get("TAV_BIN_DIR", "") + "/tavtransform"
 gdal.UseExceptions()
 
 
@@ -28,16 +28,14 @@ class Runs(unittest.TestCase):
     @unittest.skipUnless(os.path.isfile(SAMPLE), "the sample scene ../shared/data/L7_ETMs.tif is absent")
     def test_run_and_array_helpers_give_the_cli_result(self):
         # (command-line words, keywords, array helper); inverses read the forward run's CLI output.
-        for words, options, helper in [(["kt", "-sensor", "etm"], {"sensor": "etm"}, tavtransform.kt),
-                                       (["fft", "-b", "1", "-b", "4"], {"b": [1, 4]}, tavtransform.fft),
-                                       (["dwt"], {}, tavtransform.dwt),
-                                       (["fft-inverse"], {}, tavtransform.fft_inverse),
-                                       (["dwt-inverse"], {}, tavtransform.dwt_inverse)]:
+        t = tavtransform
+        for words, options, helper in [(["kt", "-sensor", "etm"], {"sensor": "etm"}, t.kt), (["dwt"], {}, t.dwt),
+                                       (["fft", "-b", "1", "-b", "4"], {"b": [1, 4]}, t.fft),
+                                       (["fft-inverse"], {}, t.fft_inverse), (["dwt-inverse"], {}, t.dwt_inverse)]:
             with self.subTest(words[0]):
                 source = self.path(words[0][:3] + ".tif") if "inverse" in words[0] else SAMPLE
                 cli = self.path(words[0] + ".tif")
-                subprocess.run([os.environ["TAV_BIN_DIR"] + "/tavtransform", words[0], "-q", *words[1:], source, cli],
-                               check=True)
+                subprocess.run([CLI, words[0], "-q", *words[1:], source, cli], check=True)
                 self.assertEqual(tavtransform.run(words[0], source, self.path("py.tif"), **options), self.path("py.tif"))
                 (actual, names), (expected, cli_names) = read(self.path("py.tif")), read(cli)
                 np.testing.assert_array_equal(actual, expected)
@@ -58,10 +56,7 @@ class Runs(unittest.TestCase):
         scene, out = self.path("scene.tif"), self.path("o.tif")
         gdal.GetDriverByName("GTiff").Create(scene, 200, 300, 5, gdal.GDT_Byte).WriteArray(
             (np.arange(5 * 300 * 200).reshape(5, 300, 200) % 251).astype(np.uint8))
-
-        def ctrl_c(percent, message):
-            if percent > 0:
-                os.kill(os.getpid(), signal.SIGINT)
+        ctrl_c = lambda percent, message: percent > 0 and os.kill(os.getpid(), signal.SIGINT)  # noqa: E731
         cases = [("kt", {}, tavtransform.Error, 1, "Input file is inconsistent with the sensor type!"),
                  ("dwt", {"progress": ctrl_c}, KeyboardInterrupt, None, ""),
                  ("dwt", {"progress": lambda p, m: p == 0}, tavtransform.Error, -1010, ""),
@@ -74,7 +69,3 @@ class Runs(unittest.TestCase):
             self.assertEqual(getattr(caught.exception, "code", None), code)
             self.assertIn(text, getattr(caught.exception, "text", ""))
             self.assertEqual(sorted(os.listdir(self.tmp.name)), ["scene.tif"])
-
-
-if __name__ == "__main__":
-    unittest.main()

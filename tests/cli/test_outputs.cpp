@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 using tavtest::TempDir;
 
@@ -17,13 +18,14 @@ int Cli(const std::string& args)
     return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
 }
 
-std::string Item(const std::string& path, const char* key)
+// The run's record as sorted "KEY=value" lines.
+std::vector<std::string> Domain(const std::string& path)
 {
-    GDALDataset* ds = GDALDataset::Open(path.c_str(), GDAL_OF_RASTER);
-    const char* v = ds ? ds->GetMetadataItem(key, "TAVTRANSFORM") : nullptr;
-    std::string s = v ? v : "";
-    GDALClose(ds);
-    return s;
+    std::unique_ptr<GDALDataset> ds(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER));
+    char** items = ds->GetMetadata("TAVTRANSFORM");
+    std::vector<std::string> lines(items, items + CSLCount(items));
+    std::sort(lines.begin(), lines.end());
+    return lines;
 }
 
 // 2-98 % stretch by nearest rank, from its definition.
@@ -47,11 +49,7 @@ TEST(Outputs, RunsNameTheirBandsAndRecordTheCommand)
     const std::vector<std::string> dwt = {"Wavelet quadrants (band 1)", "Wavelet quadrants (band 2)",
                                           "Wavelet quadrants (band 3)"};
     const std::vector<std::string> restored = {"Band 1 restored", "Band 2 restored", "Band 3 restored"};
-    const struct {
-        std::string args, source, output;
-        std::vector<std::string> names;
-        std::string options;
-    } cases[] = {
+    const struct { std::string args, source, output; std::vector<std::string> names; std::string options; } cases[] = {
         {"fft -b 3 -b 1", in, f, {"Real (band 3)", "Imaginary (band 3)", "Real (band 1)", "Imaginary (band 1)"},
          "-b 3 -b 1 -of GTiff"},
         {"fft-inverse", f, dir.file("fi.tif"), {restored[0], restored[1]}, "-ot Float32 -of GTiff"},
@@ -63,10 +61,9 @@ TEST(Outputs, RunsNameTheirBandsAndRecordTheCommand)
     for (const auto& c : cases) {
         ASSERT_EQ(Cli(c.args + " -q " + c.source + " " + c.output), 0) << c.args;
         EXPECT_EQ(tavtest::Info(c.output).descriptions, c.names) << c.args;
-        EXPECT_EQ(Item(c.output, "OPTIONS"), c.options) << c.args;
-        EXPECT_EQ(Item(c.output, "COMMAND"), c.options.empty() ? "" : c.args.substr(0, c.args.find(' ')));
-        EXPECT_EQ(Item(c.output, "INPUT"), c.options.empty() ? "" : c.source);
-        EXPECT_EQ(Item(c.output, "VERSION"), c.options.empty() ? "" : "tavtransform " TAV_VERSION);
+        const std::vector<std::string> record = {"COMMAND=" + c.args.substr(0, c.args.find(' ')), "INPUT=" + c.source,
+                                                 "OPTIONS=" + c.options, "VERSION=tavtransform " TAV_VERSION};
+        EXPECT_EQ(Domain(c.output), c.options.empty() ? std::vector<std::string>() : record) << c.args;
     }
     stForwardPCAInfo r;
     std::tie(r.strStatFile, r.strFormat, r.nComponents, r.bCovariance) = std::make_tuple("s.sta", "HFA", 2, false);
@@ -121,8 +118,6 @@ TEST(Quicklook, BadRequestsAreRefused)
     EXPECT_FALSE(tavtest::Exists(out));
     EXPECT_EQ(Cli("dwt -q -quicklook " + dir.file("no/q.png") + " " + in + " " + out), 1);
     EXPECT_TRUE(tavtest::Exists(out));
-    EXPECT_NE(WriteQuicklook(dir.file("missing.tif"), dir.file("q.png"), false), "");
-    EXPECT_FALSE(tavtest::Exists(dir.file("q.png")));
 }
 
 } // namespace
