@@ -16,6 +16,7 @@ struct Request {
     std::string pluginPath;   // empty: beside the executable, then ../lib
     std::string warning;      // a conversion the output format makes, said before the run
     std::vector<std::string> outputs; // files the run writes, removed when the host sees it fail
+    std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.

@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include "Quicklook.h"
+
 #include <strings.h>
 
 #include <cctype>
@@ -72,6 +74,7 @@ const char* kCommonOptions =
     "Common options:\n"
     "  -of FORMAT      output format (GDAL driver short name), default GTiff\n"
     "  -q              no progress\n"
+    "  -quicklook FILE.png  preview of the result, at most 1024 pixels on the long side\n"
     "  --plugin PATH   plug-in module to load instead of the one installed with this program\n"
     "  -h, --help      this help\n";
 
@@ -209,10 +212,10 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
             return {ParseResult::Done, {}, CommandHelp(o.command), {}};
         if (a == "-q") {
             o.request.quiet = true;
-        } else if (a == "-of" || a == "--plugin") {
+        } else if (a == "-of" || a == "--plugin" || a == "-quicklook") {
             if (i + 1 >= args.size())
                 return Usage("option " + a + " needs a value", o.command);
-            (a == "-of" ? o.format : o.request.pluginPath) = args[++i];
+            (a == "-of" ? o.format : a == "-quicklook" ? o.request.quicklook : o.request.pluginPath) = args[++i];
         } else if (a.size() > 1 && a[0] == '-') {
             if (!found->second.options.count(a))
                 return Usage("option " + a + " is not an option of '" + o.command + "'", o.command);
@@ -222,5 +225,7 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
             positional.push_back(a);
         }
     }
+    if (std::string problem = QuicklookProblem(o.request.quicklook, o.request.statsOnly); !problem.empty())
+        return Usage(problem, o.command);
     return TakeFileNames(positional, o);
 }

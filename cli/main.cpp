@@ -1,5 +1,6 @@
 // tavtransform: parses a command line into a parameter record, loads the plug-in the way a host
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
+#include "BandNames.h"
 #include "CommandLine.h"
 #include "RunReport.h"
 #include "TermProgress.h"
@@ -201,7 +202,9 @@ int Run(const Request& req)
         ReportHostFailure(req);
         return kFailed;
     }
-    return ok ? kOk : ReportPluginFailure(*algo);
+    if (!ok)
+        return ReportPluginFailure(*algo);
+    return FinishOutput(req) ? kOk : kFailed;
 }
 
 } // namespace

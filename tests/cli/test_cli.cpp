@@ -2,6 +2,7 @@
 
 #include <cpl_vsi.h>
 
+#include <gdal_utils.h>
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -172,8 +173,12 @@ TEST(HostGuard, FailedReadsEndInStatus1WithTheOutputRemoved)
     ASSERT_EQ(RunCli(dir, {"dwt", "-q", in, dir.file("w.tif")}).status, 0);
     std::filesystem::copy_file(in, dir.file("t.tif"));
     std::filesystem::resize_file(dir.file("t.tif"), 1000);
-    std::filesystem::copy_file(dir.file("w.tif"), dir.file("wt.tif"));
-    std::filesystem::resize_file(dir.file("wt.tif"), std::filesystem::file_size(dir.file("w.tif")) / 2);
+    // A fresh copy keeps its directory ahead of the pixels (naming the bands moved it to the end),
+    // so that halving the file loses pixels, not the directory.
+    GDALDatasetH w = GDALOpen(dir.file("w.tif").c_str(), GA_ReadOnly);
+    GDALClose(GDALTranslate(dir.file("wt.tif").c_str(), w, nullptr, nullptr));
+    GDALClose(w);
+    std::filesystem::resize_file(dir.file("wt.tif"), std::filesystem::file_size(dir.file("wt.tif")) / 2);
     ExpectRefused(dir, {"kt", dir.file("t.tif"), dir.file("o.tif")}, 1, "reading " + dir.file("t.tif") + " failed: ",
                   dir.file("t.tif"), dir.file("o.tif"));
     ExpectRefused(dir, {"fft", dir.file("t.tif"), dir.file("o.tif")}, 1, "reading " + dir.file("t.tif") + " failed: ",
