@@ -1,0 +1,291 @@
+// Forward run: noise from neighbour differences, noise whitening, rotation of the whitened data.
+#include "OrvUtility/Mult.h"
+#include "frame/RasterAccess.h"
+#include "mnf/CMNFTransFunc.h"
+#include "mnf/MNFKernels.h"
+#include "mnf/MNFRun.h"
+#include "mnf/MNFStatsFile.h"
+
+#include <QFile>
+
+#include <cstring>
+#include <limits>
+#include <vector>
+
+using OrvDataSource::RasterDataset;
+using Matrix = std::vector<double>;
+
+struct MNFForwardRun {
+    OrvUtility::_ptr_t<RasterDataset> in, out;
+    MNFSelection sel;
+    int n = 0, width = 0, height = 0, imageHeight = 0, type = 0, rowsPerBlock = 1;
+    double pixels = 0; // N, every pixel of the window
+    const ProgressSpan* progress = nullptr;
+    long long unitsDone = 0, unitsTotal = 0;
+    Matrix transform, means; // T (n×n) and m, for the statistics file
+
+    // One unit of the 3·H + 4·n progress scale; false once a cancel is seen.
+    bool Unit() { return progress->ReportAndPoll(unitsDone++, unitsTotal); }
+    long long RowSamples() const { return static_cast<long long>(n) * width; }
+};
+
+namespace {
+
+Matrix Transposed(const Matrix& a, int n)
+{
+    Matrix t(a.size());
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j)
+            t[static_cast<size_t>(j) * n + i] = a[static_cast<size_t>(i) * n + j];
+    return t;
+}
+
+Matrix Product(Matrix a, Matrix b, int n)
+{
+    Matrix c(a.size());
+    OrvUtility::mult(a.data(), b.data(), c.data(), n, n, n);
+    return c;
+}
+
+// Band sums and the upper triangle of the cross-product sums over `width` pixels of n values
+// each, pixel after pixel, so every sum grows in image order.
+void AccumulateMoments(const double* pixels, int n, int width, double* sums, double* cross)
+{
+    for (int c = 0; c < width; ++c) {
+        const double* v = pixels + static_cast<long long>(c) * n;
+        for (int a = 0; a < n; ++a) {
+            sums[a] += v[a];
+            double* row = cross + static_cast<long long>(a) * n;
+            for (int b = a; b < n; ++b)
+                row[b] += v[a] * v[b];
+        }
+    }
+}
+
+// Noise of one centre row against its upper neighbour and its right (in the last column, left)
+// neighbour, per pixel: x − 0.5·(up + side), the half-sum in single precision.
+void NoiseRow(const float* up, const float* row, int n, int width, double* noise)
+{
+    for (int b = 0; b < n; ++b) {
+        const float* u = up + static_cast<long long>(b) * width;
+        const float* x = row + static_cast<long long>(b) * width;
+        for (int c = 0; c < width; ++c) {
+            // One column has no side neighbour; the pixel stands in for it.
+            const int side = c + 1 < width ? c + 1 : (c > 0 ? c - 1 : c);
+            const float half = 0.5f * (u[c] + x[side]);
+            noise[static_cast<long long>(c) * n + b] = static_cast<double>(x[c]) - static_cast<double>(half);
+        }
+    }
+}
+
+void PixelMajor(const float* row, int n, int width, double* pixels)
+{
+    for (int b = 0; b < n; ++b)
+        for (int c = 0; c < width; ++c)
+            pixels[static_cast<long long>(c) * n + b] = row[static_cast<long long>(b) * width + c];
+}
+
+// y_k = Σ_b (x_b − m_b)·T(k,b) in double, per pixel, stored as Float32.
+void Project(const float* row, int n, int width, const Matrix& t, const Matrix& means, double* centred, float* out)
+{
+    for (int b = 0; b < n; ++b)
+        for (int c = 0; c < width; ++c)
+            centred[static_cast<long long>(b) * width + c] =
+                static_cast<double>(row[static_cast<long long>(b) * width + c]) - means[b];
+    for (int k = 0; k < n; ++k) {
+        float* y = out + static_cast<long long>(k) * width;
+        for (int c = 0; c < width; ++c) {
+            double acc = 0.0;
+            for (int b = 0; b < n; ++b)
+                acc += centred[static_cast<long long>(b) * width + c] * t[static_cast<size_t>(k) * n + b];
+            y[c] = static_cast<float>(acc);
+        }
+    }
+}
+
+// Symmetric covariance from sums and upper cross-product sums: (P − S_a·S_b ÷ N) ÷ divisor.
+void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<double>& sums, int a, int n, double pixels,
+                        double divisor)
+{
+    for (int b = 0; b < n; ++b) {
+        const double p = a <= b ? cross[static_cast<size_t>(a) * n + b] : cross[static_cast<size_t>(b) * n + a];
+        cov[static_cast<size_t>(a) * n + b] = (p - sums[a] * sums[b] / pixels) / divisor;
+    }
+}
+
+} // namespace
+
+template <class T>
+bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
+{
+    const int n = run.n, width = run.width, rows = run.rowsPerBlock;
+    const long long rowSamples = run.RowSamples();
+    TypedBuffer<T> raw = NewSamples<T>((rows + 1) * rowSamples);
+    FreeTypedBuffer(m_pBuffer);
+    m_pBuffer = NewSamples<float>((rows + 1) * rowSamples).release();
+    TypedBuffer<double> work = NewSamples<double>(rowSamples);
+    TypedBuffer<float> outRows = NewSamples<float>(rows * rowSamples);
+    if (!raw || !m_pBuffer || !work || !outRows)
+        return Fail(kMNFContext, "Apply memory Fail!");
+    float* rowsF = m_pBuffer;
+    auto floatRow = [&](int r) { return rowsF + r * rowSamples; };
+
+    // Image rows [y, y + count) into buffer rows from `at` on, in the input's type, then Float32.
+    auto readRows = [&](int y, int count, int at) {
+        T* dst = raw.get() + at * rowSamples;
+        ClearTypedBuffer(dst, run.type, count * rowSamples);
+        run.in->ReadRasterInto(run.sel.window.x0, y, width, count, dst, width, count,
+                               static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), sizeof(T),
+                               rowSamples * static_cast<long long>(sizeof(T)), width * static_cast<long long>(sizeof(T)));
+        float* f = floatRow(at);
+        for (long long i = 0; i < count * rowSamples; ++i)
+            f[i] = static_cast<float>(dst[i]);
+    };
+    const int y0 = run.sel.window.y0;
+    const double pixels = run.pixels;
+
+    // Pass 1: noise. The first row takes the row below it as its upper neighbour, on purpose;
+    // every later block's neighbour is the last row of the block before.
+    std::vector<double> sums(n, 0.0);
+    Matrix cross(static_cast<size_t>(n) * n, 0.0);
+    int previousRows = 0;
+    for (RowBlock block : RowBlocks(run.height, rows)) {
+        if (block.index == 0) {
+            if (y0 + 1 < run.imageHeight)
+                readRows(y0 + 1, 1, 0);
+            else
+                std::memset(floatRow(0), 0, rowSamples * sizeof(float));
+        } else {
+            std::memcpy(floatRow(0), floatRow(previousRows), rowSamples * sizeof(float));
+        }
+        readRows(y0 + block.first, block.rows, 1);
+        for (int r = 1; r <= block.rows; ++r) {
+            if (!run.Unit())
+                return LeaveCancelled();
+            NoiseRow(floatRow(r - 1), floatRow(r), n, width, work.get());
+            AccumulateMoments(work.get(), n, width, sums.data(), cross.data());
+        }
+        previousRows = block.rows;
+    }
+    // The 2N divisor is part of the estimate.
+    Matrix noiseCov(cross.size());
+    for (int a = 0; a < n; ++a) {
+        if (!run.Unit())
+            return LeaveCancelled();
+        CompleteCovariance(noiseCov, cross, sums, a, n, pixels, 2.0 * pixels);
+    }
+
+    Matrix e(noiseCov.size()), d(noiseCov.size());
+    SortedEigen(noiseCov.data(), n, e.data(), d.data(), false);
+    // A noise-free direction is dropped, not divided by zero.
+    Matrix scale(noiseCov.size(), 0.0);
+    for (int i = 0; i < n; ++i) {
+        if (!run.Unit())
+            return LeaveCancelled();
+        const double eigen = d[static_cast<size_t>(i) * n + i];
+        if (eigen > 0.0)
+            scale[static_cast<size_t>(i) * n + i] = 1.0 / std::sqrt(eigen);
+    }
+    const Matrix wh = Product(e, scale, n);
+    const Matrix whT = Transposed(wh, n);
+
+    // Pass 2: data statistics.
+    std::fill(sums.begin(), sums.end(), 0.0);
+    std::fill(cross.begin(), cross.end(), 0.0);
+    for (RowBlock block : RowBlocks(run.height, rows)) {
+        readRows(y0 + block.first, block.rows, 1);
+        for (int r = 1; r <= block.rows; ++r) {
+            if (!run.Unit())
+                return LeaveCancelled();
+            PixelMajor(floatRow(r), n, width, work.get());
+            AccumulateMoments(work.get(), n, width, sums.data(), cross.data());
+        }
+    }
+    Matrix dataCov(cross.size());
+    run.means.assign(n, 0.0);
+    for (int a = 0; a < n; ++a) {
+        if (!run.Unit())
+            return LeaveCancelled();
+        run.means[a] = sums[a] / pixels;
+        CompleteCovariance(dataCov, cross, sums, a, n, pixels, pixels);
+    }
+
+    const Matrix whitened = Product(Product(whT, dataCov, n), wh, n);
+    Matrix v(whitened.size());
+    SortedEigen(whitened.data(), n, v.data(), nullptr, false);
+    Matrix vT(v.size());
+    for (int i = 0; i < n; ++i) {
+        if (!run.Unit())
+            return LeaveCancelled();
+        for (int j = 0; j < n; ++j)
+            vT[static_cast<size_t>(i) * n + j] = v[static_cast<size_t>(j) * n + i];
+    }
+    // Row k of T gives component k, in falling order of signal to noise.
+    run.transform = Product(vT, whT, n);
+
+    // Pass 3: components.
+    const BandNumbers outBands = AllBandNumbers(n);
+    for (RowBlock block : RowBlocks(run.height, rows)) {
+        readRows(y0 + block.first, block.rows, 1);
+        for (int r = 1; r <= block.rows; ++r) {
+            if (!run.Unit())
+                return LeaveCancelled();
+            Project(floatRow(r), n, width, run.transform, run.means, work.get(), outRows.get() + (r - 1) * rowSamples);
+        }
+        run.out->WriteRaster(0, block.first, width, block.rows, outRows.get(), width, block.rows, PDT_Float32, n,
+                             outBands.data(), sizeof(float), rowSamples * static_cast<long long>(sizeof(float)),
+                             width * static_cast<long long>(sizeof(float)));
+    }
+    return true;
+}
+
+bool CMNFTransFunc::Forward(const QString& input, const QString& output, const QString& statFile,
+                            const QString& format, const int* bands, int bandCount, int firstCol, int lastCol,
+                            int firstRow, int lastRow, int blocks)
+{
+    QFile::remove(output);
+    QFile::remove(statFile);
+    if (WindowGivenBackwards(firstCol, lastCol, firstRow, lastRow)) {
+        m_strError.clear();
+        return false;
+    }
+    MNFForwardRun run;
+    run.in = OpenInputRaster(input);
+    if (!run.in)
+        return Fail(kMNFContext, "Failed to open the input file!");
+    if (!SelectWindowAndBands(*run.in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.sel)) {
+        m_strError.clear();
+        return false;
+    }
+    run.n = static_cast<int>(run.sel.bands.size());
+    run.width = run.sel.window.width;
+    run.height = run.sel.window.height;
+    run.imageHeight = run.in->GetRasterYSize();
+    // N is a 32-bit count; a larger window would be computed on an overflowed one.
+    if (static_cast<long long>(run.width) * run.height > std::numeric_limits<int32_t>::max())
+        return Fail(kMNFContext, "The image has too many pixels for the noise statistics!");
+    run.pixels = static_cast<double>(run.width * run.height);
+    run.type = run.in->GetRasterBand(0)->GetRasterDataType();
+    if (PixelTypeBits(run.type) == 0)
+        return Fail(kMNFContext, "The pixel type of the input file is not supported!");
+
+    run.out = CreateOutput(output, run.width, run.height, run.n, PDT_Float32, format);
+    if (!run.out)
+        return Fail(kMNFContext, "OutFile Creat Fail!");
+    CopyGeoTransform(*run.in, *run.out);
+    CopySpatialReference(*run.in, *run.out);
+
+    // A budget of 16 bytes gives one row per block; the rule is kept for larger budgets.
+    run.rowsPerBlock = RowsPerBlock(blocks, 2LL * run.width * run.n * 4, run.height);
+    const ProgressSpan progress(Context(), Tr(kMNFContext, "Forward MNF Transform is running..."), 0, 100,
+                                ProgressMath::Single);
+    run.progress = &progress;
+    run.unitsTotal = 3LL * run.height + 4LL * run.n;
+    bool ok = false;
+    DispatchPixelType(run.type, [&](auto tag) { ok = ForwardPasses<typename decltype(tag)::type>(run); });
+    if (!ok)
+        return false;
+    WriteMNFStats(statFile, run.n, run.type, run.transform.data(), run.means.data());
+    CopyRpcIfPresent(*run.in, *run.out);
+    return true;
+}

@@ -1,0 +1,46 @@
+#pragma once
+// Steps the forward and inverse runs share.
+#include "frame/RunSteps.h"
+#include "frame/TransWorker.h"
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+inline const char* const kMNFContext = "CMNFTransFunc";
+
+// The window and bands of a run, resolved against its input.
+struct MNFSelection {
+    PixelWindow window;
+    BandNumbers bands;
+};
+
+// False when the window is not inside the image (first > last included).
+bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
+                          int firstRow, int lastRow, MNFSelection& selection);
+bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow);
+
+// Rows of one block under a byte budget of `bytesPerRow` a row, at least one, at most `height`.
+int RowsPerBlock(long long budget, long long bytesPerRow, int height);
+
+// The truncated integer's low 64 bits; NaN and ±∞ have none and give 0.
+inline uint64_t TruncatedLowBits(double v)
+{
+    if (std::fabs(v) < 9223372036854775808.0)
+        return static_cast<uint64_t>(static_cast<int64_t>(v));
+    if (!std::isfinite(v))
+        return 0;
+    const double r = std::fmod(v, 18446744073709551616.0); // exact; |r| < 2^64, an integer
+    return r < 0 ? -static_cast<uint64_t>(-r) : static_cast<uint64_t>(r);
+}
+
+// A double stored in pixel type T: integers truncate toward zero and wrap to their low bytes
+// (no rounding, no clamping), floating types convert plainly.
+template <class T>
+inline T StorePixel(double v)
+{
+    if constexpr (std::is_floating_point_v<T>)
+        return static_cast<T>(v);
+    else
+        return static_cast<T>(TruncatedLowBits(v));
+}
