@@ -1,12 +1,12 @@
 #pragma once
 #include "frame/PCARecords.h"
 
-class TavTransformFunc;
+class RunContext;
 
 // Principal component engine; lives in the algorithm object between runs.
 class CPCAEngine {
 public:
-    CPCAEngine(const QString& input, TavTransformFunc* algo);
+    CPCAEngine(const QString& input, const RunContext* context);
     ~CPCAEngine();
     // 0 success; 1 input or statistics file, 2 output, 6 cancelled, 14 no routine for the types.
     int ForwardDriver(const stForwardPCAInfo& info);
@@ -14,5 +14,5 @@ public:
 
 private:
     QString m_strInput;
-    TavTransformFunc* m_pAlgo;
+    const RunContext* m_pContext;
 };

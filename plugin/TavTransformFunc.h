@@ -1,10 +1,12 @@
 #pragma once
 #include "OrvAlgo/IOrvAlgo.h"
+#include "frame/RunContext.h"
 
 #include <atomic>
 #include <cstdint>
 
 class CPCAEngine;
+struct stTransInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
 // clean-up rules after a failure or a cancellation.
@@ -16,17 +18,23 @@ public:
     bool Execute() override;
     void Terminate() override;
 
-    // Polled by the workers; written only by Terminate, read without ordering on purpose.
-    bool CancelRequested() const { return m_nCancel.load(std::memory_order_relaxed) == 1; }
-    void Report(double percent, const QString& message);
+    bool CancelRequested() const { return m_context.CancelRequested(); }
+    // What the workers see of this object.
+    const RunContext& Context() const { return m_context; }
 
 private:
     bool ExecuteTransInfo();
     bool ExecuteForwardPCA();
     bool ExecuteInversePCA();
+    bool RunMnf(const stTransInfo& info);
+    bool RunFourier(const stTransInfo& info);
+    bool RunWavelet(const stTransInfo& info);
+    bool RunTasseledCap(const stTransInfo& info);
+    void Report(double percent) { m_context.Report(percent, QString()); }
 
     std::atomic<int32_t> m_nCancel{0};
     CPCAEngine* m_pPCAEngine = nullptr;
+    RunContext m_context{*this, m_nCancel};
 };
 
 extern "C" __attribute__((visibility("default"))) OrvAlgo::IOrvAlgo* GetAlgoObj();
