@@ -13,6 +13,7 @@
 #include <vector>
 
 using OrvDataSource::RasterDataset;
+using OrvDataSource::PDT_Float32;
 using Matrix = std::vector<double>;
 
 struct MNFForwardRun {

@@ -8,6 +8,7 @@
 #include <QFile>
 
 using OrvDataSource::RasterDataset;
+using OrvDataSource::PDT_Float32;
 
 struct MNFInverseRun {
     OrvUtility::_ptr_t<RasterDataset> in, out;
