@@ -3,6 +3,7 @@
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
 #include "mnf/MNFKernels.h"
+#include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
 #include "mnf/MNFStatsFile.h"
 
@@ -48,70 +49,12 @@ Matrix Product(Matrix a, Matrix b, int n)
     return c;
 }
 
-// Band sums and the upper triangle of the cross-product sums over `width` pixels of n values
-// each, pixel after pixel, so every sum grows in image order.
-void AccumulateMoments(const double* pixels, int n, int width, double* sums, double* cross)
-{
-    for (int c = 0; c < width; ++c) {
-        const double* v = pixels + static_cast<long long>(c) * n;
-        for (int a = 0; a < n; ++a) {
-            sums[a] += v[a];
-            double* row = cross + static_cast<long long>(a) * n;
-            for (int b = a; b < n; ++b)
-                row[b] += v[a] * v[b];
-        }
-    }
-}
-
-// Noise of one centre row against its upper neighbour and its right (in the last column, left)
-// neighbour, per pixel: x − 0.5·(up + side), the half-sum in single precision.
-void NoiseRow(const float* up, const float* row, int n, int width, double* noise)
-{
-    for (int b = 0; b < n; ++b) {
-        const float* u = up + static_cast<long long>(b) * width;
-        const float* x = row + static_cast<long long>(b) * width;
-        for (int c = 0; c < width; ++c) {
-            // One column has no side neighbour; the pixel stands in for it.
-            const int side = c + 1 < width ? c + 1 : (c > 0 ? c - 1 : c);
-            const float half = 0.5f * (u[c] + x[side]);
-            noise[static_cast<long long>(c) * n + b] = static_cast<double>(x[c]) - static_cast<double>(half);
-        }
-    }
-}
-
-void PixelMajor(const float* row, int n, int width, double* pixels)
-{
-    for (int b = 0; b < n; ++b)
-        for (int c = 0; c < width; ++c)
-            pixels[static_cast<long long>(c) * n + b] = row[static_cast<long long>(b) * width + c];
-}
-
-// y_k = Σ_b (x_b − m_b)·T(k,b) in double, per pixel, stored as Float32.
-void Project(const float* row, int n, int width, const Matrix& t, const Matrix& means, double* centred, float* out)
-{
-    for (int b = 0; b < n; ++b)
-        for (int c = 0; c < width; ++c)
-            centred[static_cast<long long>(b) * width + c] =
-                static_cast<double>(row[static_cast<long long>(b) * width + c]) - means[b];
-    for (int k = 0; k < n; ++k) {
-        float* y = out + static_cast<long long>(k) * width;
-        for (int c = 0; c < width; ++c) {
-            double acc = 0.0;
-            for (int b = 0; b < n; ++b)
-                acc += centred[static_cast<long long>(b) * width + c] * t[static_cast<size_t>(k) * n + b];
-            y[c] = static_cast<float>(acc);
-        }
-    }
-}
-
-// Symmetric covariance from sums and upper cross-product sums: (P − S_a·S_b ÷ N) ÷ divisor.
+// Row a of a covariance from sums and cross-product sums: (P − S_a·S_b ÷ N) ÷ divisor.
 void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<double>& sums, int a, int n, double pixels,
                         double divisor)
 {
-    for (int b = 0; b < n; ++b) {
-        const double p = a <= b ? cross[static_cast<size_t>(a) * n + b] : cross[static_cast<size_t>(b) * n + a];
-        cov[static_cast<size_t>(a) * n + b] = (p - sums[a] * sums[b] / pixels) / divisor;
-    }
+    for (int b = 0; b < n; ++b)
+        cov[static_cast<size_t>(a) * n + b] = (cross[static_cast<size_t>(a) * n + b] - sums[a] * sums[b] / pixels) / divisor;
 }
 
 } // namespace
@@ -123,10 +66,9 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     const long long rowSamples = run.RowSamples();
     TypedBuffer<T> raw = NewSamples<T>((rows + 1) * rowSamples);
     FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewSamples<float>((rows + 1) * rowSamples).release();
-    TypedBuffer<double> work = NewSamples<double>(rowSamples);
-    TypedBuffer<float> outRows = NewSamples<float>(rows * rowSamples);
-    if (!raw || !m_pBuffer || !work || !outRows)
+    m_pBuffer = NewRows<float>((rows + 1) * rowSamples).release();
+    TypedBuffer<float> outRows = NewRows<float>(rows * rowSamples);
+    if (!raw || !m_pBuffer || !outRows)
         return Fail(kMNFContext, "Apply memory Fail!");
     float* rowsF = m_pBuffer;
     auto floatRow = [&](int r) { return rowsF + r * rowSamples; };
@@ -135,9 +77,10 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     auto readRows = [&](int y, int count, int at) {
         T* dst = raw.get() + at * rowSamples;
         ClearTypedBuffer(dst, run.type, count * rowSamples);
+        const PixelMajor space = PixelMajorSpacing(n, width, sizeof(T));
         run.in->ReadRasterInto(run.sel.window.x0, y, width, count, dst, width, count,
-                               static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), sizeof(T),
-                               rowSamples * static_cast<long long>(sizeof(T)), width * static_cast<long long>(sizeof(T)));
+                               static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), space.pixel, space.line,
+                               space.band);
         float* f = floatRow(at);
         for (long long i = 0; i < count * rowSamples; ++i)
             f[i] = static_cast<float>(dst[i]);
@@ -163,8 +106,7 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
         for (int r = 1; r <= block.rows; ++r) {
             if (!run.Unit())
                 return LeaveCancelled();
-            NoiseRow(floatRow(r - 1), floatRow(r), n, width, work.get());
-            AccumulateMoments(work.get(), n, width, sums.data(), cross.data());
+            AccumulateNoiseRow(floatRow(r - 1), floatRow(r), n, width, sums.data(), cross.data());
         }
         previousRows = block.rows;
     }
@@ -198,8 +140,7 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
         for (int r = 1; r <= block.rows; ++r) {
             if (!run.Unit())
                 return LeaveCancelled();
-            PixelMajor(floatRow(r), n, width, work.get());
-            AccumulateMoments(work.get(), n, width, sums.data(), cross.data());
+            AccumulateDataRow(floatRow(r), n, width, sums.data(), cross.data());
         }
     }
     Matrix dataCov(cross.size());
@@ -231,11 +172,13 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
         for (int r = 1; r <= block.rows; ++r) {
             if (!run.Unit())
                 return LeaveCancelled();
-            Project(floatRow(r), n, width, run.transform, run.means, work.get(), outRows.get() + (r - 1) * rowSamples);
+            // y_k = Σ_b (x_b − m_b)·T(k,b)
+            AffineRow(floatRow(r), n, width, run.transform.data(), run.means.data(), nullptr,
+                      outRows.get() + (r - 1) * rowSamples);
         }
+        const PixelMajor space = PixelMajorSpacing(n, width, sizeof(float));
         run.out->WriteRaster(0, block.first, width, block.rows, outRows.get(), width, block.rows, PDT_Float32, n,
-                             outBands.data(), sizeof(float), rowSamples * static_cast<long long>(sizeof(float)),
-                             width * static_cast<long long>(sizeof(float)));
+                             outBands.data(), space.pixel, space.line, space.band);
     }
     return true;
 }

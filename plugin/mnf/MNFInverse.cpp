@@ -2,6 +2,7 @@
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
 #include "mnf/MNFKernels.h"
+#include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
 #include "mnf/MNFStatsFile.h"
 
@@ -24,39 +25,25 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     const int n = run.n, width = run.width, rows = run.rowsPerBlock;
     const long long rowSamples = static_cast<long long>(n) * width;
     FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewSamples<float>(rows * rowSamples).release();
+    m_pBuffer = NewRows<float>(rows * rowSamples).release();
     TypedBuffer<T> pixels = NewSamples<T>(rows * rowSamples);
-    TypedBuffer<double> acc = NewSamples<double>(width);
-    if (!m_pBuffer || !pixels || !acc)
+    TypedBuffer<double> values = NewRows<double>(rowSamples);
+    if (!m_pBuffer || !pixels || !values)
         return Fail(kMNFContext, "Apply memory Fail!");
-    const double* inverse = run.inverse.get();
     const BandNumbers outBands = AllBandNumbers(n);
     for (RowBlock block : RowBlocks(run.height, rows)) {
+        const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float)), outSpace = PixelMajorSpacing(n, width, sizeof(T));
         run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer, width,
-                               block.rows, PDT_Float32, n, run.sel.bands.data(), sizeof(float),
-                               rowSamples * static_cast<long long>(sizeof(float)),
-                               width * static_cast<long long>(sizeof(float)));
+                               block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line, inSpace.band);
         for (int r = 0; r < block.rows; ++r) {
-            const float* components = m_pBuffer + r * rowSamples;
+            // value(b) = Σ_k inverse(b,k)·component_k + mean(b)
+            AffineRow(m_pBuffer + r * rowSamples, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
             T* out = pixels.get() + r * rowSamples;
-            for (int b = 0; b < n; ++b) {
-                // acc(b) = Σ_k inverse(b,k)·component_k, summed over k in order for every pixel.
-                for (int c = 0; c < width; ++c)
-                    acc.get()[c] = 0.0;
-                for (int k = 0; k < n; ++k) {
-                    const double w = inverse[static_cast<long long>(b) * n + k];
-                    const float* x = components + static_cast<long long>(k) * width;
-                    for (int c = 0; c < width; ++c)
-                        acc.get()[c] += w * static_cast<double>(x[c]);
-                }
-                T* y = out + static_cast<long long>(b) * width;
-                for (int c = 0; c < width; ++c)
-                    y[c] = StorePixel<T>(acc.get()[c] + run.means.get()[b]);
-            }
+            for (long long i = 0; i < rowSamples; ++i)
+                out[i] = StorePixel<T>(values.get()[i]);
         }
         run.out->WriteRaster(0, block.first, width, block.rows, pixels.get(), width, block.rows,
-                             static_cast<PixelDataType>(run.type), n, outBands.data(), sizeof(T),
-                             rowSamples * static_cast<long long>(sizeof(T)), width * static_cast<long long>(sizeof(T)));
+                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel, outSpace.line, outSpace.band);
         if (!run.progress->ReportAndPoll(block.first, run.height))
             return LeaveCancelled();
     }

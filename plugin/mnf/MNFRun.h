@@ -1,8 +1,11 @@
 #pragma once
 // Steps the forward and inverse runs share.
 #include "frame/RunSteps.h"
+#include "frame/RasterAccess.h"
 #include "frame/TransWorker.h"
+#include "mnf/MNFPixelKernels.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <type_traits>
@@ -43,4 +46,23 @@ inline T StorePixel(double v)
         return static_cast<T>(v);
     else
         return static_cast<T>(TruncatedLowBits(v));
+}
+
+// Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
+template <class T>
+TypedBuffer<T> NewRows(long long samples)
+{
+    TypedBuffer<T> rows = NewSamples<T>(samples + kRowSlack);
+    if (rows)
+        std::fill(rows.get() + samples, rows.get() + samples + kRowSlack, T{});
+    return rows;
+}
+
+// Spacings of pixel-major rows of n samples a pixel: pixel, line, band.
+struct PixelMajor {
+    long long pixel, line, band;
+};
+inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
+{
+    return {static_cast<long long>(n) * bytes, static_cast<long long>(n) * width * bytes, bytes};
 }
