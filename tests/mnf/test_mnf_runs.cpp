@@ -80,7 +80,8 @@ TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
 {
     struct { const char* what; int w, h, n; GDALDataType type; int constantBand; } scenes[] = {
         {"ThreeBandsUInt16", 7, 5, 3, GDT_UInt16, -1}, {"TwoColumnsInt16", 2, 6, 2, GDT_Int16, -1},
-        {"OneBandFloat32", 5, 4, 1, GDT_Float32, -1}, {"ConstantBandByte", 6, 5, 3, GDT_Byte, 1}};
+        {"OneBandFloat32", 5, 4, 1, GDT_Float32, -1}, {"ConstantBandByte", 6, 5, 3, GDT_Byte, 1},
+        {"NineBandsInt32", 4, 3, 9, GDT_Int32, -1}};
     for (const auto& s : scenes) {
         SCOPED_TRACE(s.what);
         TempDir dir;
