@@ -76,11 +76,12 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     // Image rows [y, y + count) into buffer rows from `at` on, in the input's type, then Float32.
     auto readRows = [&](int y, int count, int at) {
         T* dst = raw.get() + at * rowSamples;
-        ClearTypedBuffer(dst, run.type, count * rowSamples);
         const PixelMajor space = PixelMajorSpacing(n, width, sizeof(T));
-        run.in->ReadRasterInto(run.sel.window.x0, y, width, count, dst, width, count,
-                               static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), space.pixel, space.line,
-                               space.band);
+        // A failed read counts as zeros, as if the buffer had been cleared before it.
+        if (!run.in->ReadRasterInto(run.sel.window.x0, y, width, count, dst, width, count,
+                                    static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), space.pixel,
+                                    space.line, space.band))
+            ClearTypedBuffer(dst, run.type, count * rowSamples);
         float* f = floatRow(at);
         for (long long i = 0; i < count * rowSamples; ++i)
             f[i] = static_cast<float>(dst[i]);
