@@ -2,6 +2,7 @@
 #include "OrvUtility/Mult.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
+#include "mnf/MNFBlockReader.h"
 #include "mnf/MNFKernels.h"
 #include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
@@ -62,54 +63,55 @@ void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<doub
 template <class T>
 bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
 {
-    const int n = run.n, width = run.width, rows = run.rowsPerBlock;
+    const int n = run.n, width = run.width, y0 = run.sel.window.y0;
     const long long rowSamples = run.RowSamples();
-    TypedBuffer<T> raw = NewSamples<T>((rows + 1) * rowSamples);
+    const RowBlocks blocks(run.height, run.rowsPerBlock);
+    const long long blockSamples = blocks.RowsPerBlock() * rowSamples;
+    TypedBuffer<T> raw = NewSamples<T>(blockSamples);
+    TypedBuffer<float> firstUp = NewRows<float>(rowSamples);
     FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>((rows + 1) * rowSamples).release();
-    TypedBuffer<float> outRows = NewRows<float>(rows * rowSamples);
-    if (!raw || !m_pBuffer || !outRows)
+    m_pBuffer = NewRows<float>(blockSamples).release(); // the components of a block
+    if (!raw || !firstUp || !m_pBuffer)
         return Fail(kMNFContext, "Apply memory Fail!");
-    float* rowsF = m_pBuffer;
-    auto floatRow = [&](int r) { return rowsF + r * rowSamples; };
 
-    // Image rows [y, y + count) into buffer rows from `at` on, in the input's type, then Float32.
-    auto readRows = [&](int y, int count, int at) {
-        T* dst = raw.get() + at * rowSamples;
+    // Image rows [y, y + count) in the input's type, then Float32, pixel after pixel.
+    auto readRows = [&](int y, int count, float* rows) {
         const PixelMajor space = PixelMajorSpacing(n, width, sizeof(T));
         // A failed read counts as zeros, as if the buffer had been cleared before it.
-        if (!run.in->ReadRasterInto(run.sel.window.x0, y, width, count, dst, width, count,
+        if (!run.in->ReadRasterInto(run.sel.window.x0, y, width, count, raw.get(), width, count,
                                     static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), space.pixel,
                                     space.line, space.band))
-            ClearTypedBuffer(dst, run.type, count * rowSamples);
-        float* f = floatRow(at);
+            ClearTypedBuffer(raw.get(), run.type, count * rowSamples);
         for (long long i = 0; i < count * rowSamples; ++i)
-            f[i] = static_cast<float>(dst[i]);
+            rows[i] = static_cast<float>(raw.get()[i]);
     };
-    const int y0 = run.sel.window.y0;
+    auto readBlock = [&](const RowBlock& block, float* rows) { readRows(y0 + block.first, block.rows, rows); };
     const double pixels = run.pixels;
 
     // Pass 1: noise. The first row takes the row below it as its upper neighbour, on purpose;
-    // every later block's neighbour is the last row of the block before.
+    // every later row's is the row before it, kept rather than read again.
     std::vector<double> sums(n, 0.0);
     Matrix cross(static_cast<size_t>(n) * n, 0.0);
-    int previousRows = 0;
-    for (RowBlock block : RowBlocks(run.height, rows)) {
-        if (block.index == 0) {
-            if (y0 + 1 < run.imageHeight)
-                readRows(y0 + 1, 1, 0);
-            else
-                std::memset(floatRow(0), 0, rowSamples * sizeof(float));
-        } else {
-            std::memcpy(floatRow(0), floatRow(previousRows), rowSamples * sizeof(float));
+    if (y0 + 1 < run.imageHeight)
+        readRows(y0 + 1, 1, firstUp.get());
+    else
+        std::memset(firstUp.get(), 0, rowSamples * sizeof(float));
+    {
+        BlockReader reader(blocks, blockSamples, readBlock);
+        if (!reader.Ready())
+            return Fail(kMNFContext, "Apply memory Fail!");
+        const float* up = firstUp.get();
+        for (RowBlock block : blocks) {
+            const float* rows = reader.Next();
+            for (int r = 0; r < block.rows; ++r) {
+                if (!run.Unit())
+                    return LeaveCancelled();
+                AccumulateNoiseRow(up, rows + r * rowSamples, n, width, sums.data(), cross.data());
+                up = rows + r * rowSamples;
+            }
+            if (block.index > 0)
+                reader.Release(); // the block before, which held the upper neighbour
         }
-        readRows(y0 + block.first, block.rows, 1);
-        for (int r = 1; r <= block.rows; ++r) {
-            if (!run.Unit())
-                return LeaveCancelled();
-            AccumulateNoiseRow(floatRow(r - 1), floatRow(r), n, width, sums.data(), cross.data());
-        }
-        previousRows = block.rows;
     }
     // The 2N divisor is part of the estimate.
     Matrix noiseCov(cross.size());
@@ -136,12 +138,18 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     // Pass 2: data statistics.
     std::fill(sums.begin(), sums.end(), 0.0);
     std::fill(cross.begin(), cross.end(), 0.0);
-    for (RowBlock block : RowBlocks(run.height, rows)) {
-        readRows(y0 + block.first, block.rows, 1);
-        for (int r = 1; r <= block.rows; ++r) {
-            if (!run.Unit())
-                return LeaveCancelled();
-            AccumulateDataRow(floatRow(r), n, width, sums.data(), cross.data());
+    {
+        BlockReader reader(blocks, blockSamples, readBlock);
+        if (!reader.Ready())
+            return Fail(kMNFContext, "Apply memory Fail!");
+        for (RowBlock block : blocks) {
+            const float* rows = reader.Next();
+            for (int r = 0; r < block.rows; ++r) {
+                if (!run.Unit())
+                    return LeaveCancelled();
+                AccumulateDataRow(rows + r * rowSamples, n, width, sums.data(), cross.data());
+            }
+            reader.Release();
         }
     }
     Matrix dataCov(cross.size());
@@ -168,17 +176,21 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
 
     // Pass 3: components.
     const BandNumbers outBands = AllBandNumbers(n);
-    for (RowBlock block : RowBlocks(run.height, rows)) {
-        readRows(y0 + block.first, block.rows, 1);
-        for (int r = 1; r <= block.rows; ++r) {
+    const PixelMajor space = PixelMajorSpacing(n, width, sizeof(float));
+    BlockReader reader(blocks, blockSamples, readBlock);
+    if (!reader.Ready())
+        return Fail(kMNFContext, "Apply memory Fail!");
+    for (RowBlock block : blocks) {
+        const float* rows = reader.Next();
+        for (int r = 0; r < block.rows; ++r) {
             if (!run.Unit())
                 return LeaveCancelled();
             // y_k = Σ_b (x_b − m_b)·T(k,b)
-            AffineRow(floatRow(r), n, width, run.transform.data(), run.means.data(), nullptr,
-                      outRows.get() + (r - 1) * rowSamples);
+            AffineRow(rows + r * rowSamples, n, width, run.transform.data(), run.means.data(), nullptr,
+                      m_pBuffer + r * rowSamples);
         }
-        const PixelMajor space = PixelMajorSpacing(n, width, sizeof(float));
-        run.out->WriteRaster(0, block.first, width, block.rows, outRows.get(), width, block.rows, PDT_Float32, n,
+        reader.Release();
+        run.out->WriteRaster(0, block.first, width, block.rows, m_pBuffer, width, block.rows, PDT_Float32, n,
                              outBands.data(), space.pixel, space.line, space.band);
     }
     return true;
