@@ -2,7 +2,7 @@
 #include "OrvUtility/Mult.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
-#include "mnf/MNFBlockReader.h"
+#include "mnf/MNFPipeline.h"
 #include "mnf/MNFKernels.h"
 #include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
@@ -10,7 +10,9 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <vector>
 
@@ -68,10 +70,9 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     const RowBlocks blocks(run.height, run.rowsPerBlock);
     const long long blockSamples = blocks.RowsPerBlock() * rowSamples;
     TypedBuffer<T> raw = NewSamples<T>(blockSamples);
-    TypedBuffer<float> firstUp = NewRows<float>(rowSamples);
     FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>(blockSamples).release(); // the components of a block
-    if (!raw || !firstUp || !m_pBuffer)
+    m_pBuffer = NewRows<float>(rowSamples).release(); // the first row's upper neighbour
+    if (!raw || !m_pBuffer)
         return Fail(kMNFContext, "Apply memory Fail!");
 
     // Image rows [y, y + count) in the input's type, then Float32, pixel after pixel.
@@ -85,7 +86,35 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
         for (long long i = 0; i < count * rowSamples; ++i)
             rows[i] = static_cast<float>(raw.get()[i]);
     };
-    auto readBlock = [&](const RowBlock& block, float* rows) { readRows(y0 + block.first, block.rows, rows); };
+    // One pass: this thread reads every block (one progress unit a row) while the helper computes
+    // the blocks before it; `keep` blocks stay held for the next one's sake; done(j) runs here once
+    // block j is computed, before its slot is read over.
+    enum { kDone, kCancelled, kShort };
+    auto pass = [&](int keep, BlockPipeline::ComputeFn compute, const std::function<void(int, float*)>& done) {
+        BlockPipeline pipe(3, blockSamples, std::move(compute));
+        if (!pipe.Ready())
+            return kShort;
+        auto retire = [&] {
+            const int j = pipe.Released();
+            pipe.WaitComputed(std::min(j + keep, blocks.Count() - 1));
+            done(j, pipe.Slot(j));
+            pipe.Release();
+        };
+        for (RowBlock block : blocks) {
+            if (pipe.Submitted() - pipe.Released() == pipe.Slots())
+                retire();
+            for (int r = 0; r < block.rows; ++r)
+                if (!run.Unit())
+                    return kCancelled;
+            readRows(y0 + block.first, block.rows, pipe.Slot(block.index));
+            pipe.Submit();
+        }
+        while (pipe.Released() < blocks.Count())
+            retire();
+        return kDone;
+    };
+    auto leave = [&](int status) { return status == kCancelled ? LeaveCancelled() : Fail(kMNFContext, "Apply memory Fail!"); };
+    auto nothing = [](int, float*) {};
     const double pixels = run.pixels;
 
     // Pass 1: noise. The first row takes the row below it as its upper neighbour, on purpose;
@@ -93,26 +122,16 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     std::vector<double> sums(n, 0.0);
     Matrix cross(static_cast<size_t>(n) * n, 0.0);
     if (y0 + 1 < run.imageHeight)
-        readRows(y0 + 1, 1, firstUp.get());
+        readRows(y0 + 1, 1, m_pBuffer);
     else
-        std::memset(firstUp.get(), 0, rowSamples * sizeof(float));
-    {
-        BlockReader reader(blocks, blockSamples, readBlock);
-        if (!reader.Ready())
-            return Fail(kMNFContext, "Apply memory Fail!");
-        const float* up = firstUp.get();
-        for (RowBlock block : blocks) {
-            const float* rows = reader.Next();
-            for (int r = 0; r < block.rows; ++r) {
-                if (!run.Unit())
-                    return LeaveCancelled();
-                AccumulateNoiseRow(up, rows + r * rowSamples, n, width, sums.data(), cross.data());
-                up = rows + r * rowSamples;
-            }
-            if (block.index > 0)
-                reader.Release(); // the block before, which held the upper neighbour
-        }
-    }
+        std::memset(m_pBuffer, 0, rowSamples * sizeof(float));
+    int status = pass(1, [&](int block, float* rows, const float* previous) {
+        const float* up = previous ? previous + (blocks[block - 1].rows - 1) * rowSamples : m_pBuffer;
+        for (int r = 0; r < blocks[block].rows; ++r, up = rows + (r - 1) * rowSamples)
+            AccumulateNoiseRow(up, rows + r * rowSamples, n, width, sums.data(), cross.data());
+    }, nothing);
+    if (status != kDone)
+        return leave(status);
     // The 2N divisor is part of the estimate.
     Matrix noiseCov(cross.size());
     for (int a = 0; a < n; ++a) {
@@ -138,20 +157,12 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     // Pass 2: data statistics.
     std::fill(sums.begin(), sums.end(), 0.0);
     std::fill(cross.begin(), cross.end(), 0.0);
-    {
-        BlockReader reader(blocks, blockSamples, readBlock);
-        if (!reader.Ready())
-            return Fail(kMNFContext, "Apply memory Fail!");
-        for (RowBlock block : blocks) {
-            const float* rows = reader.Next();
-            for (int r = 0; r < block.rows; ++r) {
-                if (!run.Unit())
-                    return LeaveCancelled();
-                AccumulateDataRow(rows + r * rowSamples, n, width, sums.data(), cross.data());
-            }
-            reader.Release();
-        }
-    }
+    status = pass(0, [&](int block, float* rows, const float*) {
+        for (int r = 0; r < blocks[block].rows; ++r)
+            AccumulateDataRow(rows + r * rowSamples, n, width, sums.data(), cross.data());
+    }, nothing);
+    if (status != kDone)
+        return leave(status);
     Matrix dataCov(cross.size());
     run.means.assign(n, 0.0);
     for (int a = 0; a < n; ++a) {
@@ -174,26 +185,19 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
     // Row k of T gives component k, in falling order of signal to noise.
     run.transform = Product(vT, whT, n);
 
-    // Pass 3: components.
+    // Pass 3: components, each row turned into its own in place.
     const BandNumbers outBands = AllBandNumbers(n);
     const PixelMajor space = PixelMajorSpacing(n, width, sizeof(float));
-    BlockReader reader(blocks, blockSamples, readBlock);
-    if (!reader.Ready())
-        return Fail(kMNFContext, "Apply memory Fail!");
-    for (RowBlock block : blocks) {
-        const float* rows = reader.Next();
-        for (int r = 0; r < block.rows; ++r) {
-            if (!run.Unit())
-                return LeaveCancelled();
-            // y_k = Σ_b (x_b − m_b)·T(k,b)
+    status = pass(0, [&](int block, float* rows, const float*) {
+        // y_k = Σ_b (x_b − m_b)·T(k,b)
+        for (int r = 0; r < blocks[block].rows; ++r)
             AffineRow(rows + r * rowSamples, n, width, run.transform.data(), run.means.data(), nullptr,
-                      m_pBuffer + r * rowSamples);
-        }
-        reader.Release();
-        run.out->WriteRaster(0, block.first, width, block.rows, m_pBuffer, width, block.rows, PDT_Float32, n,
-                             outBands.data(), space.pixel, space.line, space.band);
-    }
-    return true;
+                      rows + r * rowSamples);
+    }, [&](int block, float* rows) {
+        run.out->WriteRaster(0, blocks[block].first, width, blocks[block].rows, rows, width, blocks[block].rows,
+                             PDT_Float32, n, outBands.data(), space.pixel, space.line, space.band);
+    });
+    return status == kDone || leave(status);
 }
 
 bool CMNFTransFunc::Forward(const QString& input, const QString& output, const QString& statFile,

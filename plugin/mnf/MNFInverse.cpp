@@ -1,7 +1,6 @@
 // Inverse run: components back to the input's bands and pixel type through the inverted forward matrix.
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
-#include "mnf/MNFBlockReader.h"
 #include "mnf/MNFKernels.h"
 #include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
@@ -23,35 +22,28 @@ struct MNFInverseRun {
 template <class T>
 bool CMNFTransFunc::InversePass(MNFInverseRun& run)
 {
-    const int n = run.n, width = run.width;
+    const int n = run.n, width = run.width, rows = run.rowsPerBlock;
     const long long rowSamples = static_cast<long long>(n) * width;
-    const RowBlocks blocks(run.height, run.rowsPerBlock);
-    TypedBuffer<T> pixels = NewSamples<T>(blocks.RowsPerBlock() * rowSamples);
+    FreeTypedBuffer(m_pBuffer);
+    m_pBuffer = NewRows<float>(rows * rowSamples).release();
+    TypedBuffer<T> pixels = NewSamples<T>(rows * rowSamples);
     TypedBuffer<double> values = NewRows<double>(rowSamples);
-    if (!pixels || !values)
-        return Fail(kMNFContext, "Apply memory Fail!");
-    const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float)), outSpace = PixelMajorSpacing(n, width, sizeof(T));
-    BlockReader reader(blocks, blocks.RowsPerBlock() * rowSamples, [&](const RowBlock& block, float* rows) {
-        run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, rows, width,
-                               block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line,
-                               inSpace.band);
-    });
-    if (!reader.Ready())
+    if (!m_pBuffer || !pixels || !values)
         return Fail(kMNFContext, "Apply memory Fail!");
     const BandNumbers outBands = AllBandNumbers(n);
-    for (RowBlock block : blocks) {
-        const float* components = reader.Next();
+    for (RowBlock block : RowBlocks(run.height, rows)) {
+        const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float)), outSpace = PixelMajorSpacing(n, width, sizeof(T));
+        run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer, width,
+                               block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line, inSpace.band);
         for (int r = 0; r < block.rows; ++r) {
             // value(b) = Σ_k inverse(b,k)·component_k + mean(b)
-            AffineRow(components + r * rowSamples, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
+            AffineRow(m_pBuffer + r * rowSamples, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
             T* out = pixels.get() + r * rowSamples;
             for (long long i = 0; i < rowSamples; ++i)
                 out[i] = StorePixel<T>(values.get()[i]);
         }
-        reader.Release();
         run.out->WriteRaster(0, block.first, width, block.rows, pixels.get(), width, block.rows,
-                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel, outSpace.line,
-                             outSpace.band);
+                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel, outSpace.line, outSpace.band);
         if (!run.progress->ReportAndPoll(block.first, run.height))
             return LeaveCancelled();
     }

@@ -123,15 +123,14 @@ template <int N>
     m.Store(sums, cross);
 }
 
-inline void StoreLanes(float* p, D4 v)
+// The first `lanes` lanes only, so that a row can be turned into its outputs in place.
+inline void StoreLanes(float* p, D4 v, int lanes)
 {
     const F4 f = __builtin_convertvector(v, F4);
-    std::memcpy(p, &f, sizeof f);
+    std::memcpy(p, &f, lanes * sizeof(float));
 }
-inline void StoreLanes(double* p, D4 v) { std::memcpy(p, &v, sizeof v); }
+inline void StoreLanes(double* p, D4 v, int lanes) { std::memcpy(p, &v, lanes * sizeof(double)); }
 
-// Lanes past N of a pixel's output land on the next pixel, which is written after it, or on the
-// row's slack.
 template <int N, class Out>
 [[gnu::always_inline]] inline void AffineRowN(const float* row, int width, const double* m, const double* before,
                                               const double* after, Out* out)
@@ -157,7 +156,7 @@ template <int N, class Out>
             for (int v = 0; v < V; ++v)
                 acc[v] += x[b / 4][b % 4] * column[b][v];
         for (int v = 0; v < V; ++v)
-            StoreLanes(out + at + 4 * v, after ? acc[v] + add[v] : acc[v]);
+            StoreLanes(out + at + 4 * v, after ? acc[v] + add[v] : acc[v], v + 1 < V || N % 4 == 0 ? 4 : N % 4);
     }
 }
 
@@ -192,15 +191,19 @@ template <class Out>
 void AffineRowAny(const float* row, int n, int width, const double* m, const double* before, const double* after,
                   Out* out)
 {
-    for (long long at = 0; at < static_cast<long long>(width) * n; at += n)
+    std::vector<double> y(n);
+    for (long long at = 0; at < static_cast<long long>(width) * n; at += n) {
         for (long long k = 0; k < n; ++k) {
             double acc = 0.0;
             for (long long b = 0; b < n; ++b) {
                 const double x = before ? static_cast<double>(row[at + b]) - before[b] : row[at + b];
                 acc += x * m[k * n + b];
             }
-            out[at + k] = static_cast<Out>(after ? acc + after[k] : acc);
+            y[k] = after ? acc + after[k] : acc;
         }
+        for (long long k = 0; k < n; ++k) // every input of the pixel is read before its outputs land
+            out[at + k] = static_cast<Out>(y[k]);
+    }
 }
 
 } // namespace

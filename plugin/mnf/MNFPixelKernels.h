@@ -13,7 +13,7 @@ void AccumulateNoiseRow(const float* up, const float* row, int n, int width, dou
 void AccumulateDataRow(const float* row, int n, int width, double* sums, double* cross);
 
 // y_k = Σ_b (x_b − before_b)·m(k,b) + after_k per pixel, in double; before or after may be null
-// (nothing subtracted or added).
+// (nothing subtracted or added). A Float32 row may be its own output.
 void AffineRow(const float* row, int n, int width, const double* m, const double* before, const double* after,
                float* out);
 void AffineRow(const float* row, int n, int width, const double* m, const double* before, const double* after,
