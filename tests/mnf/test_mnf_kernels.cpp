@@ -97,6 +97,7 @@ TEST(MNFKernels, InvertMatrix)
         {{0, 1, 0, 0, 0, 1, 1, 0, 0}, 1, {0, 0, 1, 1, 0, 0, 0, 1, 0}}, // a permutation: its transpose
         {Vec(9, 0.0), 1, Vec(9, 1e300)},
         {{1, 2, 3, 1, 2, 3, 0, 1, 4}, 0, {}}, // two equal rows
+        {{1, 0, 0, 0, 1e-17, 0, 0, 0, 1}, 0, {}}, // a pivot that vanishes against 1.0
     };
     for (auto& c : cases) {
         EXPECT_EQ(InvertMatrix(c.a.data(), 3), c.result);
