@@ -32,9 +32,13 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
         return Fail(kMNFContext, "Apply memory Fail!");
     const BandNumbers outBands = AllBandNumbers(n);
     for (RowBlock block : RowBlocks(run.height, rows)) {
-        const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float)), outSpace = PixelMajorSpacing(n, width, sizeof(T));
-        run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer, width,
-                               block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line, inSpace.band);
+        const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
+        const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
+        // A failed read counts as zeros rather than whatever the buffer held.
+        if (!run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer,
+                                    width, block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel,
+                                    inSpace.line, inSpace.band))
+            ClearTypedBuffer(m_pBuffer, PDT_Float32, block.rows * rowSamples);
         for (int r = 0; r < block.rows; ++r) {
             // value(b) = Σ_k inverse(b,k)·component_k + mean(b)
             AffineRow(m_pBuffer + r * rowSamples, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
@@ -43,7 +47,8 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
                 out[i] = StorePixel<T>(values.get()[i]);
         }
         run.out->WriteRaster(0, block.first, width, block.rows, pixels.get(), width, block.rows,
-                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel, outSpace.line, outSpace.band);
+                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel,
+                             outSpace.line, outSpace.band);
         if (!run.progress->ReportAndPoll(block.first, run.height))
             return LeaveCancelled();
     }
