@@ -124,12 +124,12 @@ template <int N>
 }
 
 // The first `lanes` lanes only, so that a row can be turned into its outputs in place.
-inline void StoreLanes(float* p, D4 v, int lanes)
+inline void StoreLanes(float* p, const D4& v, int lanes)
 {
     const F4 f = __builtin_convertvector(v, F4);
     std::memcpy(p, &f, lanes * sizeof(float));
 }
-inline void StoreLanes(double* p, D4 v, int lanes) { std::memcpy(p, &v, lanes * sizeof(double)); }
+inline void StoreLanes(double* p, const D4& v, int lanes) { std::memcpy(p, &v, lanes * sizeof(double)); }
 
 template <int N, class Out>
 [[gnu::always_inline]] inline void AffineRowN(const float* row, int width, const double* m, const double* before,
