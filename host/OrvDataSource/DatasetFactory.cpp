@@ -1,4 +1,5 @@
 #include "OrvDataSource/DatasetFactory.h"
+#include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -7,8 +8,6 @@
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
-
-GDALDataType ToGDALType(PixelDataType type);
 
 namespace {
 
@@ -122,6 +121,13 @@ OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(
         ds->SetGeoTransform(gt);
     }
     return ds;
+}
+
+bool DatasetFactory::CanWriteRaster(const QString& format) const
+{
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.toUtf8().constData());
+    return driver && CPLFetchBool(driver->GetMetadata(), GDAL_DCAP_RASTER, false) &&
+           (DriverCanCreate(driver) || DriverCanCopy(driver));
 }
 
 bool DatasetFactory::CopyRPCFile(RasterDataset* source, RasterDataset* target)

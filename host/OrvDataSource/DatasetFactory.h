@@ -22,6 +22,8 @@ public:
                                                           int xSize, int ySize, int bandCount,
                                                           PixelDataType type, const QString& format,
                                                           char** options);
+    // True when `format` names a GDAL raster driver that can create or copy into a file.
+    bool CanWriteRaster(const QString& format) const;
     // Copies the RPC metadata domain and any RPC side file (.RPB, _rpc.txt) of source to target.
     static bool CopyRPCFile(RasterDataset* source, RasterDataset* target);
 

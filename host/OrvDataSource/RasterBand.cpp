@@ -1,12 +1,10 @@
 #include "OrvDataSource/RasterBand.h"
 #include "OrvDataSource/RasterDataset.h"
+#include "OrvDataSource/GdalTypeMap.h"
 
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
-
-GDALDataType ToGDALType(PixelDataType type);
-PixelDataType FromGDALType(GDALDataType type);
 
 RasterBand::RasterBand(RasterDataset* owner, GDALRasterBand* poBand) : m_owner(owner), m_poBand(poBand) {}
 RasterBand::~RasterBand() = default;

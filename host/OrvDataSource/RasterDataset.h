@@ -18,6 +18,8 @@ public:
     int GetRasterXSize() const;
     int GetRasterYSize() const;
     int GetBandCount() const;
+    // Ground control points; a raster georeferenced by them has no coordinate system of its own.
+    int GetGCPCount() const;
     void GetGeoTransform(double* gt) const;
     OrvUtility::_ptr_t<RasterBand> GetRasterBand(int index) const;
 

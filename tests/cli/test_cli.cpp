@@ -157,6 +157,9 @@ TEST(Run, SuccessShowsGdalStyleProgressAndQuietSilencesIt)
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(tavtest::Info(dir.file("q.tif")).bands, 6);
+    // Without -b the Fourier run takes every band: a real and an imaginary band for each.
+    EXPECT_EQ(RunCli(dir, {"fft", "-q", in, dir.file("f.tif")}).status, 0);
+    EXPECT_EQ(tavtest::Info(dir.file("f.tif")).bands, 12);
 }
 
 TEST(Run, FailedRunExitsWith1AndThePluginsMessage)

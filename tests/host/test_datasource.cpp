@@ -172,6 +172,15 @@ TEST(Metadata, NoDataSpatialReferenceAndGeoTransformSurviveAReopen)
     bare.geo = false;
     tavtest::WriteRaster(dir.file("bare.tif"), bare, [](int, int, int) { return 0; });
     EXPECT_FALSE(factory->OpenRasterDataset(dir.qfile("bare.tif"), OM_Read)->GetSpatialReference());
+    {
+        GDAL_GCP gcp[2];
+        GDALInitGCPs(2, gcp);
+        auto gcps = factory->OpenRasterDataset(dir.qfile("bare.tif"), OM_Update);
+        EXPECT_EQ(gcps->GetGCPCount(), 0);
+        gcps->GetGDALDataset()->SetGCPs(2, gcp, static_cast<const OGRSpatialReference*>(nullptr));
+        EXPECT_EQ(gcps->GetGCPCount(), 2);
+        GDALDeinitGCPs(2, gcp);
+    }
 }
 
 const char* kRpb =
@@ -273,6 +282,10 @@ TEST(Create, UnknownFormatAndUnwritableFolderGiveNull)
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("a.tif"), 2, 2, 1, PDT_Byte, "NoSuchFormat", nullptr));
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("nofolder/a.tif"), 2, 2, 1, PDT_Byte, "GTiff", nullptr));
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("b.tif"), 2, 2, 1, PDT_Unknown, "GTiff", nullptr));
+    for (const char* format : {"NoSuchFormat", "ESRI Shapefile"})
+        EXPECT_FALSE(factory->CanWriteRaster(format)) << format;
+    for (const char* format : {"GTiff", "PNG"})
+        EXPECT_TRUE(factory->CanWriteRaster(format)) << format << " (PNG by copy)";
 }
 
 TEST(Create, EnvelopeFormSetsANorthUpGeoTransform)
