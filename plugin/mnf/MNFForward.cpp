@@ -84,7 +84,7 @@ bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
                                     space.line, space.band))
             ClearTypedBuffer(raw.get(), run.type, count * rowSamples);
         for (long long i = 0; i < count * rowSamples; ++i)
-            rows[i] = static_cast<float>(raw.get()[i]);
+            rows[i] = SampleToFloat(raw.get()[i]);
     };
     // One pass: this thread reads every block (one progress unit a row) while the helper computes
     // the blocks before it; `keep` blocks stay held for the next one's sake; done(j) runs here once

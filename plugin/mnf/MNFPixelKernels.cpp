@@ -1,7 +1,9 @@
 #include "mnf/MNFPixelKernels.h"
+#include "frame/RasterAccess.h"
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -201,8 +203,12 @@ void AffineRowAny(const float* row, int n, int width, const double* m, const dou
             }
             y[k] = after ? acc + after[k] : acc;
         }
-        for (long long k = 0; k < n; ++k) // every input of the pixel is read before its outputs land
-            out[at + k] = static_cast<Out>(y[k]);
+        for (long long k = 0; k < n; ++k) { // every input of the pixel is read before its outputs land
+            if constexpr (std::is_same_v<Out, float>)
+                out[at + k] = ToFloatSample(y[k]);
+            else
+                out[at + k] = y[k];
+        }
     }
 }
 

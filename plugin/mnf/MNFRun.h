@@ -42,10 +42,22 @@ inline uint64_t TruncatedLowBits(double v)
 template <class T>
 inline T StorePixel(double v)
 {
-    if constexpr (std::is_floating_point_v<T>)
-        return static_cast<T>(v);
+    if constexpr (std::is_same_v<T, float>)
+        return ToFloatSample(v);
+    else if constexpr (std::is_floating_point_v<T>)
+        return v;
     else
         return static_cast<T>(TruncatedLowBits(v));
+}
+
+// A sample of type T as Float32: doubles beyond the float range by the frame's defined rule.
+template <class T>
+inline float SampleToFloat(T v)
+{
+    if constexpr (std::is_same_v<T, double>)
+        return ToFloatSample(v);
+    else
+        return static_cast<float>(v);
 }
 
 // Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.

@@ -5,8 +5,6 @@
 #include <Eigen/Dense>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 
 namespace mnftest {
 // Text records as the stream encodes them, written out by hand: a big-endian byte length, then
@@ -105,21 +103,15 @@ TEST(MNFKernels, InvertMatrix)
     }
 }
 
-std::string Bytes(const std::string& path)
-{
-    std::ifstream f(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), {}};
-}
-
 TEST(MNFStatsFile, WritesTheExactRecords)
 {
     tavtest::TempDir dir;
     const double t2[] = {0.5, 0.25, -0.125, 1}, m2[] = {101.5, 98.25}, t1[] = {0.12345678914}, m1[] = {-1.5e-05};
     WriteMNFStats(dir.qfile("two"), 2, 2, t2, m2);
     WriteMNFStats(dir.qfile("one"), 1, 6, t1, m1);
-    EXPECT_EQ(Bytes(dir.file("two")),
+    EXPECT_EQ(tavtest::ReadFile(dir.file("two")),
               Records({"Band Num = 2", "ImgType = 2", "pdblVect = {0.5,0.25,-0.125,1}", "pdblMean = { 101.5,98.25}"}));
-    EXPECT_EQ(Bytes(dir.file("one")), Records({"Band Num = 1", "ImgType = 6", "pdblVect = 0.1234567891", "pdblMean = -1.5e-05"}));
+    EXPECT_EQ(tavtest::ReadFile(dir.file("one")), Records({"Band Num = 1", "ImgType = 6", "pdblVect = 0.1234567891", "pdblMean = -1.5e-05"}));
 }
 
 TEST(MNFStatsFile, ReaderParseRules)
