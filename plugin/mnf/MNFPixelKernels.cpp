@@ -157,8 +157,11 @@ template <int N, class Out>
         for (int b = 0; b < N; ++b)
             for (int v = 0; v < V; ++v)
                 acc[v] += x[b / 4][b % 4] * column[b][v];
-        for (int v = 0; v < V; ++v)
-            StoreLanes(out + at + 4 * v, after ? acc[v] + add[v] : acc[v], v + 1 < V || N % 4 == 0 ? 4 : N % 4);
+        for (int v = 0; v < V; ++v) {
+            if (after)
+                acc[v] += add[v];
+            StoreLanes(out + at + 4 * v, acc[v], v + 1 < V || N % 4 == 0 ? 4 : N % 4);
+        }
     }
 }
 
