@@ -1,6 +1,8 @@
 #include "mnf/MNFPipeline.h"
 #include "mnf/MNFRun.h"
 
+#include <system_error>
+
 BlockPipeline::BlockPipeline(int slots, long long slotSamples, ComputeFn compute) : m_compute(std::move(compute))
 {
     for (int i = 0; i < slots; ++i) {
@@ -8,7 +10,11 @@ BlockPipeline::BlockPipeline(int slots, long long slotSamples, ComputeFn compute
         if (!m_slots.back())
             return;
     }
-    m_helper = std::thread([this] { Run(); });
+    // A thread the system will not give is a run that cannot go on, not an exception for the host.
+    try {
+        m_helper = std::thread([this] { Run(); });
+    } catch (const std::system_error&) {
+    }
 }
 
 BlockPipeline::~BlockPipeline()

@@ -19,7 +19,7 @@ public:
     BlockPipeline(const BlockPipeline&) = delete;
     BlockPipeline& operator=(const BlockPipeline&) = delete;
 
-    // False when memory was short; nothing runs then.
+    // False when memory or a thread was short; nothing runs then.
     bool Ready() const { return m_helper.joinable(); }
     int Slots() const { return static_cast<int>(m_slots.size()); }
     float* Slot(int block) const { return m_slots[block % m_slots.size()].get(); }
