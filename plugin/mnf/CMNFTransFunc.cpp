@@ -1,16 +1,35 @@
 #include "mnf/CMNFTransFunc.h"
 #include "frame/RasterAccess.h"
+#include "mnf/MNFRun.h"
+
+#include <algorithm>
 
 CMNFTransFunc::~CMNFTransFunc() { FreeTypedBuffer(m_pBuffer); }
 
-bool CMNFTransFunc::Forward(const QString&, const QString&, const QString&, const QString&, const int*, int, int,
-                            int, int, int, int)
+bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow)
 {
-    return Fail("CMNFTransFunc", "The minimum noise fraction transform is not in this build.");
+    return firstCol != kWholeImage && (firstCol > lastCol || firstRow > lastRow);
 }
 
-bool CMNFTransFunc::Inverse(const QString&, const QString&, const QString&, const QString&, const int*, int, int,
-                            int, int, int, int)
+bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
+                          int firstRow, int lastRow, MNFSelection& selection)
 {
-    return Fail("CMNFTransFunc", "The minimum noise fraction transform is not in this build.");
+    const int width = in.GetRasterXSize(), height = in.GetRasterYSize();
+    selection.window = firstCol == kWholeImage ? WholeWindow(width, height)
+                                               : InclusiveWindow(firstCol, lastCol, firstRow, lastRow);
+    const PixelWindow& w = selection.window;
+    if (w.x0 < 0 || w.y0 < 0 || w.width < 1 || w.height < 1 || w.x0 > width - w.width || w.y0 > height - w.height)
+        return false;
+    BandIndices indices = bandCount > 0 && bands ? BandIndices(bands, bands + bandCount) : AllBandIndices(in.GetBandCount());
+    for (int b : indices)
+        if (b < 0 || b >= in.GetBandCount())
+            return false;
+    selection.bands = ToBandNumbers(indices);
+    return true;
+}
+
+int RowsPerBlock(long long budget, long long bytesPerRow, int height)
+{
+    const long long rows = bytesPerRow > 0 ? budget / bytesPerRow : 1;
+    return static_cast<int>(std::min<long long>(std::max<long long>(rows, 1), height));
 }

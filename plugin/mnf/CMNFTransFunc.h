@@ -1,16 +1,26 @@
 #pragma once
 #include "frame/TransWorker.h"
 
-// Minimum noise fraction worker.
+struct MNFForwardRun;
+struct MNFInverseRun;
+
+// Minimum noise fraction worker: forward components with their statistics file, and the inverse
+// back to the input's bands and pixel type.
 class CMNFTransFunc : public TransWorker {
 public:
     using TransWorker::TransWorker;
     ~CMNFTransFunc();
+    // bands: 0-based indices, bandCount 0 = all; firstCol -1 = the whole image; blocks: byte budget.
     bool Forward(const QString& input, const QString& output, const QString& statFile, const QString& format,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow, int blocks);
     bool Inverse(const QString& input, const QString& output, const QString& statFile, const QString& format,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow, int blocks);
 
 private:
-    float* m_pBuffer = nullptr;
+    template <class T>
+    bool ForwardPasses(MNFForwardRun& run);
+    template <class T>
+    bool InversePass(MNFInverseRun& run);
+
+    float* m_pBuffer = nullptr; // the Float32 block rows of the running pass
 };

@@ -1,0 +1,80 @@
+#pragma once
+// Steps the forward and inverse runs share.
+#include "frame/RunSteps.h"
+#include "frame/RasterAccess.h"
+#include "frame/TransWorker.h"
+#include "mnf/MNFPixelKernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+inline const char* const kMNFContext = "CMNFTransFunc";
+
+// The window and bands of a run, resolved against its input.
+struct MNFSelection {
+    PixelWindow window;
+    BandNumbers bands;
+};
+
+// False when the window is not inside the image (first > last included).
+bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
+                          int firstRow, int lastRow, MNFSelection& selection);
+bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow);
+
+// Rows of one block under a byte budget of `bytesPerRow` a row, at least one, at most `height`.
+int RowsPerBlock(long long budget, long long bytesPerRow, int height);
+
+// The truncated integer's low 64 bits; NaN and ±∞ have none and give 0.
+inline uint64_t TruncatedLowBits(double v)
+{
+    if (std::fabs(v) < 9223372036854775808.0)
+        return static_cast<uint64_t>(static_cast<int64_t>(v));
+    if (!std::isfinite(v))
+        return 0;
+    const double r = std::fmod(v, 18446744073709551616.0); // exact; |r| < 2^64, an integer
+    return r < 0 ? -static_cast<uint64_t>(-r) : static_cast<uint64_t>(r);
+}
+
+// A double stored in pixel type T: integers truncate toward zero and wrap to their low bytes
+// (no rounding, no clamping), floating types convert plainly.
+template <class T>
+inline T StorePixel(double v)
+{
+    if constexpr (std::is_same_v<T, float>)
+        return ToFloatSample(v);
+    else if constexpr (std::is_floating_point_v<T>)
+        return v;
+    else
+        return static_cast<T>(TruncatedLowBits(v));
+}
+
+// A sample of type T as Float32: doubles beyond the float range by the frame's defined rule.
+template <class T>
+inline float SampleToFloat(T v)
+{
+    if constexpr (std::is_same_v<T, double>)
+        return ToFloatSample(v);
+    else
+        return static_cast<float>(v);
+}
+
+// Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
+template <class T>
+TypedBuffer<T> NewRows(long long samples)
+{
+    TypedBuffer<T> rows = NewSamples<T>(samples + kRowSlack);
+    if (rows)
+        std::fill(rows.get() + samples, rows.get() + samples + kRowSlack, T{});
+    return rows;
+}
+
+// Spacings of pixel-major rows of n samples a pixel: pixel, line, band.
+struct PixelMajor {
+    long long pixel, line, band;
+};
+inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
+{
+    return {static_cast<long long>(n) * bytes, static_cast<long long>(n) * width * bytes, bytes};
+}
