@@ -2,6 +2,7 @@
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "BandNames.h"
 #include "CommandLine.h"
+#include "KeptFile.h"
 #include "RunReport.h"
 #include "TermProgress.h"
 
@@ -184,6 +185,10 @@ int Run(const Request& req)
     algo->SetParams(req.record);
 
     bool ok = false;
+    // A failed mnf-inverse removes its statistics file by the plug-in's rules; it is the user's input.
+    const KeptFile statistics(req.command == "mnf-inverse"
+                                  ? boost::any_cast<const stTransInfo&>(req.record).strStatFile.toStdString()
+                                  : std::string());
     const int stoppedBy = ExecuteWatched(*algo, ok);
     const bool hostFailed = ok && HostSawFailure();
     if (!req.quiet) {

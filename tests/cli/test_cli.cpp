@@ -194,6 +194,19 @@ TEST(HostGuard, FailedReadsEndInStatus1WithTheOutputRemoved)
     EXPECT_EQ(tavtest::Info(dir.file("real.tif")).bands, 3);
 }
 
+// A failed mnf-inverse removes its statistics file by the plug-in's rules; the command line puts
+// the user's file back.
+TEST(HostGuard, FailedMnfInverseKeepsTheStatisticsFile)
+{
+    TempDir dir;
+    const std::string in = Scene(dir), stats = dir.file("s.sta");
+    ASSERT_EQ(RunCli(dir, {"mnf", "-q", "-stats", stats, in, dir.file("c.tif")}).status, 0);
+    const std::string three = Scene(dir, 3, GDT_Byte, 9, "three.tif");
+    ExpectRefused(dir, {"mnf-inverse", "-stats", stats, three, dir.file("o.tif")}, 1, "ERROR 1", stats, dir.file("o.tif"));
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+        EXPECT_EQ(entry.path().filename().string().find(".kept-"), std::string::npos) << "no kept link is left";
+}
+
 TEST(HostGuard, FullFileSystemEndsInStatus1WithGdalsReason)
 {
     TempDir dir;
