@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 class CPCAEngine;
 
@@ -27,6 +29,8 @@ private:
 
     std::atomic<int32_t> m_nCancel{0};
     CPCAEngine* m_pPCAEngine = nullptr;
+    // Engines an inverse run replaced: left alone as the run requires, freed with this object.
+    std::vector<std::unique_ptr<CPCAEngine>> m_replacedEngines;
 };
 
 extern "C" __attribute__((visibility("default"))) OrvAlgo::IOrvAlgo* GetAlgoObj();

@@ -1,0 +1,248 @@
+#include "AlgoHarness.h"
+#include "TestSupport.h"
+#include "frame/PCARecords.h"
+
+#include <Eigen/Dense>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+
+using namespace tavtest;
+
+namespace {
+
+stForwardPCAInfo Fwd(const std::string& in, const std::string& stats, const std::string& out, int type = 6,
+                     bool center = false, int comps = 0, bool stepwise = false, bool cov = true)
+{
+    stForwardPCAInfo r;
+    r.strInputFile = QString::fromStdString(in);
+    r.strStatFile = QString::fromStdString(stats);
+    r.strOutputFile = QString::fromStdString(out);
+    r.strFormat = "GTiff";
+    r.nOutDataType = type;
+    r.bSubtractMean = center;
+    r.nComponents = comps;
+    r.bStepwise = stepwise;
+    r.bCovariance = cov;
+    return r;
+}
+
+stInversePCAInfo Inv(const std::string& in, const std::string& stats, const std::string& out, int type = 6)
+{
+    stInversePCAInfo r;
+    r.strInputFile = QString::fromStdString(in);
+    r.strStatFile = QString::fromStdString(stats);
+    r.strOutputFile = QString::fromStdString(out);
+    r.strFormat = "GTiff";
+    r.nOutDataType = type;
+    return r;
+}
+
+std::vector<double> ReadDoubles(const std::string& path)
+{
+    std::ifstream f(path, std::ios::binary | std::ios::ate);
+    std::vector<double> v(f.tellg() / 8);
+    f.seekg(0);
+    f.read(reinterpret_cast<char*>(v.data()), v.size() * 8);
+    return v;
+}
+
+void WriteDoubles(const std::string& path, const std::vector<double>& v)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(v.data()), v.size() * 8);
+}
+
+double Pixel(int b, int x, int y) { return (x * 7 + y * 13 + b * b * 31 + x * y * b) % 251; }
+
+// Band b of a raster as the columns of a pixels × bands matrix.
+Eigen::MatrixXd Pixels(const std::string& path, int bands)
+{
+    Eigen::MatrixXd m;
+    for (int b = 0; b < bands; ++b) {
+        const std::vector<double> v = ReadBand(path, b + 1);
+        m.conservativeResize(v.size(), bands);
+        m.col(b) = Eigen::Map<const Eigen::VectorXd>(v.data(), v.size());
+    }
+    return m;
+}
+
+} // namespace
+
+// Means and population covariance against a direct two-pass formula, on scenes of two full blocks
+// of 4 Mi samples and of a short last block; the file keeps them at their offsets.
+TEST(PcaStatistics, MeansAndCovarianceMatchADirectFormulaAcrossBlocks)
+{
+    TempDir dir;
+    for (int height : {512, 300, 9}) { // 4096 × 4 samples a row: 256 rows a block
+        const std::string in = dir.file("in.tif");
+        WriteRaster(in, Shape(4096, height, 4, GDT_Byte), Pixel);
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, false, 0, true)));
+        const Eigen::MatrixXd x = Pixels(in, 4);
+        const Eigen::RowVectorXd mean = x.colwise().mean();
+        const Eigen::MatrixXd centred = x.rowwise() - mean;
+        const Eigen::MatrixXd cov = centred.transpose() * centred / double(x.rows());
+        const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+        ASSERT_EQ(file.size(), 2 * 16 + 12 + 1u);
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_NEAR(file[1 + i], mean(i), 1e-9) << height;
+            for (int j = 0; j < 4; ++j)
+                EXPECT_NEAR(file[5 + 4 * i + j], cov(i, j), 1e-7 * cov.norm()) << height;
+        }
+        EXPECT_FALSE(Exists(dir.file("o.tif"))) << "statistics only";
+    }
+}
+
+// Statistics only on 4 bands hands back the eigenvalues and writes the file; a rotation-only run
+// of the same object then projects bands 1..3 with the kept eigenvectors and zero means.
+TEST(PcaModes, StatisticsOnlyThenRotationOnlyWithThreeComponents)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(7, 5, 4, GDT_Int16), [](int b, int x, int y) { return Pixel(b, x, y) - 100; });
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("unused.tif"), 6, true, 0, true)));
+    const auto& back = boost::any_cast<const stForwardPCAInfo&>(h.algo().GetParams());
+    ASSERT_EQ(back.vecEigenValues.size(), 4u);
+    ASSERT_EQ(back.vecContribution.size(), 4u);
+    EXPECT_NEAR(back.vecCumulative.at(3), 1.0, 1e-12);
+    const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+    const Eigen::Map<const Eigen::Matrix4d> c(file.data() + 5), vt(file.data() + 21); // symmetric; transposed
+    for (int k = 0; k < 4; ++k) {
+        EXPECT_EQ(file[37 + k], back.vecEigenValues[k]);
+        EXPECT_LT((c * vt.row(k).transpose() - back.vecEigenValues[k] * vt.row(k).transpose()).norm(), 1e-2);
+    }
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s3.sta"), dir.file("r.tif"), 6, true, 3, true)));
+    const Eigen::MatrixXd expected = Pixels(in, 3) * vt.transpose().topLeftCorner(3, 3);
+    EXPECT_LT((Pixels(dir.file("r.tif"), 3) - expected).cwiseAbs().maxCoeff(), 1e-9) << "means are not subtracted";
+    EXPECT_EQ(Info(dir.file("r.tif")).bands, 3);
+
+    AlgoHarness fresh;
+    EXPECT_FALSE(fresh.Run(Fwd(in, dir.file("f.sta"), dir.file("f.tif"), 6, false, 0, false)));
+    EXPECT_EQ(fresh.Code(), 1);
+    EXPECT_FALSE(fresh.Text().isEmpty());
+}
+
+// Progress of a one-block statistics pass over 3 bands, each value worked out by hand; a constant
+// band in correlation mode still ends, with exactly 1.0 on the diagonal.
+TEST(PcaStatistics, ProgressAndCorrelationDiagonal)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(6, 5, 3), [](int b, int x, int y) { return b == 1 ? 42.0 : Pixel(b, x, y) / 3.0; });
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), "", 6, false, 0, true, false)));
+    EXPECT_EQ(h.Percents(), (std::vector<double>{0, 0, 30, 30, 33, 36, 40, 40, 43, 46, 50, 100}));
+    EXPECT_EQ(h.events[1].message, QString("Forward PCA Rotation is running..."));
+    const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(file[4 + 4 * i], 1.0);
+    EXPECT_FALSE(std::isfinite(file[4 + 1]));
+}
+
+// Forward with mean subtraction into Float64 and back restores the input; the statistics file is
+// read through a non-ASCII path, with its count given as 4.9 and cut short after the eigenvectors.
+TEST(PcaRoundTrip, ForwardThenInverseRestoresTheInput)
+{
+    TempDir dir;
+    std::vector<std::pair<std::string, int>> scenes = {{dir.file("in.tif"), 4}};
+    WriteRaster(scenes[0].first, Shape(33, 17, 4, GDT_UInt16), [](int b, int x, int y) { return Pixel(b, x, y) * 90; });
+    if (!SampleScene().empty())
+        scenes.push_back({SampleScene(), 6});
+    else
+        GTEST_LOG_(INFO) << "L7_ETMs.tif is absent; the round trip runs on the synthetic scene only";
+    for (const auto& [in, n] : scenes) {
+        const std::string stats = dir.file("statistik_é.sta");
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(Fwd(in, stats, dir.file("pc.tif"), 6, true, n)));
+        ASSERT_TRUE(h.Run(Inv(dir.file("pc.tif"), stats, dir.file("back.tif"), 9)));
+        EXPECT_EQ(Info(dir.file("back.tif")).type, GDT_Float64);
+        EXPECT_LT((Pixels(dir.file("back.tif"), n) - Pixels(in, n)).cwiseAbs().maxCoeff(), 1e-8) << in;
+        std::vector<double> file = ReadDoubles(stats);
+        file.resize(1 + n + 2 * n * n);
+        file[0] = n + 0.9;
+        WriteDoubles(stats, file);
+        ASSERT_TRUE(h.Run(Inv(dir.file("pc.tif"), stats, dir.file("back2.tif"), 6))) << h.Text().toStdString();
+        EXPECT_LT((Pixels(dir.file("back2.tif"), n) - Pixels(in, n)).cwiseAbs().maxCoeff(), 1e-2) << in;
+    }
+}
+
+// A Byte output keeps component values inside 0..255 as they are (truncated).
+TEST(PcaProjection, ByteOutputKeepsValuesInsideItsRange)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(9, 8, 2, GDT_Byte), [](int b, int x, int y) { return 20 + x * 9 + y * 3 + b * x; });
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("b.tif"), 0, false, 2)));
+    const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+    const Eigen::VectorXd c = Pixels(in, 2) * Eigen::Vector2d(file[7], file[9]);
+    const std::vector<double> got = ReadBand(dir.file("b.tif"), 1);
+    ASSERT_GT(c.minCoeff(), 0);
+    ASSERT_LT(c.maxCoeff(), 255);
+    for (int p = 0; p < c.size(); ++p)
+        EXPECT_EQ(got[p], std::trunc(c(p))) << p;
+}
+
+// Terminate in the statistics pass, the matrix rows, the projection and the inverse: -1010, and
+// the output (and the forward statistics file) removed.
+TEST(PcaCancel, EveryPassStopsAndRemovesItsFiles)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(6, 5, 3), [](int b, int x, int y) { return Pixel(b, x, y); });
+    AlgoHarness ok;
+    ASSERT_TRUE(ok.Run(Fwd(in, dir.file("keep.sta"), dir.file("pc.tif"), 6, false, 3)));
+    struct Case { size_t at; double lastPercent; bool inverse; };
+    for (const Case& c : {Case{1, 0, false}, Case{5, 40, false}, Case{10, 50, false}, Case{0, 0, true}}) {
+        AlgoHarness h;
+        h.onProgress = [&](double) { if (h.events.size() == c.at + 1) h.algo().Terminate(); };
+        const bool ran = c.inverse ? h.Run(Inv(dir.file("pc.tif"), dir.file("keep.sta"), dir.file("o.tif")))
+                                   : h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, false, 3));
+        EXPECT_FALSE(ran);
+        EXPECT_EQ(h.Code(), -1010) << c.at;
+        EXPECT_EQ(h.Percents().back(), 100);
+        EXPECT_EQ(h.Percents().at(h.Percents().size() - 2), c.lastPercent) << c.at;
+        EXPECT_FALSE(Exists(dir.file("o.tif")));
+        EXPECT_FALSE(Exists(dir.file("s.sta")));
+        EXPECT_TRUE(Exists(dir.file("keep.sta")));
+    }
+}
+
+// Statistics files no one should trust, and inputs or outputs that cannot be had: a clear
+// message, code 1, no output.
+TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(6, 5, 3), [](int b, int x, int y) { return Pixel(b, x, y); });
+    struct Case { std::vector<double> file; const char* says; };
+    const Case cases[] = {{{0}, "band count"}, {{-3}, "band count"}, {{std::nan("")}, "band count"},
+                          {{1e9}, "band count"}, {{3e9}, "band count"}, {{1e300}, "band count"},
+                          {{}, "band count"}, {{4, 1, 2}, "has 3 bands"}};
+    for (const Case& c : cases) {
+        WriteDoubles(dir.file("bad.sta"), c.file);
+        AlgoHarness h;
+        EXPECT_FALSE(h.Run(Inv(in, dir.file("bad.sta"), dir.file("o.tif"))));
+        EXPECT_EQ(h.Code(), 1);
+        EXPECT_TRUE(h.Text().contains(c.says)) << h.Text().toStdString();
+        EXPECT_FALSE(Exists(dir.file("o.tif")));
+    }
+    WriteDoubles(dir.file("short.sta"), {3}); // the rest reads as zeros, without complaint
+    AlgoHarness h;
+    EXPECT_TRUE(h.Run(Inv(in, dir.file("short.sta"), dir.file("z.tif"))));
+
+    WriteText(dir.file("text.tif"), "not a raster");
+    const std::pair<stForwardPCAInfo, const char*> runs[] = {
+        {Fwd(dir.file("text.tif"), dir.file("s.sta"), dir.file("o.tif"), 6, false, 3), "Failed to open the input file!"},
+        {Fwd(in, dir.file("s.sta"), dir.file("no/such/dir/o.tif"), 6, false, 3), "The output file could not be created!"},
+        {Fwd(in, dir.file("no/such/s.sta"), dir.file("o.tif"), 6, false, 3), "The statistics file could not be created!"},
+    };
+    for (const auto& [record, text] : runs) {
+        AlgoHarness f;
+        EXPECT_FALSE(f.Run(record));
+        EXPECT_EQ(f.Code(), 1);
+        EXPECT_EQ(f.Text(), QString(text));
+    }
+}
