@@ -1,5 +1,6 @@
 #include "fft/FftTransform.h"
 #include "frame/RasterAccess.h"
+#include "frame/RunSteps.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -30,13 +31,11 @@ long long ColumnStride(int height)
     return aligned % 1024 == 0 ? aligned + 16 : aligned;
 }
 
-// Share of finished work units, in single precision like every percentage of the run.
-double Percent(long long done, long long total)
+// Every percentage of the run is a share of its work units, in single precision.
+ProgressSpan RunProgress(const RunContext& ctx, const char* message)
 {
-    return static_cast<float>(done) / static_cast<float>(total) * 100.0f;
+    return ProgressSpan(ctx, Tr(kContext, message), 0, 100, ProgressMath::Single);
 }
-
-float* NewFloats(long long count) { return static_cast<float*>(NewTypedBuffer(PDT_Float32, count)); }
 
 constexpr std::size_t kHugePage = 2 * 1024 * 1024;
 
@@ -94,18 +93,18 @@ void RotateRow(const float* src, float* dst, int width, int shift)
 // their imaginary parts in the same order. The whole band stays resident.
 class FftBandBlocks {
 public:
-    FftBandBlocks(int width, int height)
-        : m_width(width), m_height(height), m_rowsPerBlock(kBlockFloats / width)
+    FftBandBlocks(int width, int height) : m_width(width), m_height(height), m_rows(height, kBlockFloats / width)
     {
         m_blocks.reserve(BlockCount());
     }
 
     int Width() const { return m_width; }
     int Height() const { return m_height; }
-    int RowsPerBlock() const { return m_rowsPerBlock; }
-    int BlockCount() const { return (m_height + m_rowsPerBlock - 1) / m_rowsPerBlock; }
-    int FirstRow(int block) const { return block * m_rowsPerBlock; }
-    int RowsOf(int block) const { return std::min(m_rowsPerBlock, m_height - FirstRow(block)); }
+    const RowBlocks& Blocks() const { return m_rows; }
+    int RowsPerBlock() const { return m_rows.RowsPerBlock(); }
+    int BlockCount() const { return m_rows.Count(); }
+    int FirstRow(int block) const { return m_rows[block].first; }
+    int RowsOf(int block) const { return m_rows[block].rows; }
 
     // Appends the next block with every float 0; false when memory is short.
     bool AppendZeroed()
@@ -121,12 +120,16 @@ public:
 
     // Frees a block whose rows are written; the output's block cache grows by as much meanwhile.
     void Release(int block) { m_blocks[block].reset(); }
-    bool IsLastRowOfBlock(int y) const { return y % m_rowsPerBlock == m_rowsPerBlock - 1 || y == m_height - 1; }
+    bool IsLastRowOfBlock(int y) const
+    {
+        const RowBlock b = m_rows[m_rows.BlockOfRow(y)];
+        return y == b.first + b.rows - 1;
+    }
 
     float* Re(int block) { return m_blocks[block].get(); }
     float* Im(int block) { return m_blocks[block].get() + static_cast<long long>(RowsOf(block)) * m_width; }
-    float* ReRow(int y) { return Re(y / m_rowsPerBlock) + static_cast<long long>(y % m_rowsPerBlock) * m_width; }
-    float* ImRow(int y) { return Im(y / m_rowsPerBlock) + static_cast<long long>(y % m_rowsPerBlock) * m_width; }
+    float* ReRow(int y) { return Re(m_rows.BlockOfRow(y)) + RowOffset(y); }
+    float* ImRow(int y) { return Im(m_rows.BlockOfRow(y)) + RowOffset(y); }
 
     // Columns x0 .. x0 + n - 1 into n contiguous arrays of H values, `stride` floats apart, and back.
     void GatherColumns(int x0, int n, float* re, float* im, long long stride)
@@ -164,9 +167,11 @@ private:
         }
     }
 
+    long long RowOffset(int y) const { return static_cast<long long>(y - m_rows[m_rows.BlockOfRow(y)].first) * m_width; }
+
     int m_width;
     int m_height;
-    int m_rowsPerBlock;
+    RowBlocks m_rows;
     std::vector<BlockBuffer> m_blocks;
 };
 
@@ -182,11 +187,7 @@ TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenBlockReader(const QString&
 TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenInput(const QString& input)
 {
     RasterPtr in = OpenInputRaster(input);
-    if (!in) {
-        Fail(kContext, "Failed to open the input file!");
-        return nullptr;
-    }
-    if (in->GetRasterXSize() > kMaxWidth) {
+    if (in && in->GetRasterXSize() > kMaxWidth) {
         Fail(kContext, "The image is wider than 1048576 columns; the Fourier transform cannot hold its rows!");
         return nullptr;
     }
@@ -197,21 +198,35 @@ TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::CreateLike(OrvDataSource::Rast
                                                              int bands, int type, const QString& format)
 {
     RasterPtr out = CreateOutput(output, in.GetRasterXSize(), in.GetRasterYSize(), bands, type, format);
-    if (!out) {
-        Fail(kContext, "OutFile Creat Fail!");
-        return nullptr;
+    if (out) {
+        CopyGeoTransform(in, *out);
+        CopySpatialReference(in, *out);
     }
-    CopyGeoTransform(&in, out.get());
-    CopySpatialReference(&in, out.get());
     return out;
 }
+
+// The run's work units: three passes over every pixel of every band, a third of a band's share each.
+class FftRunUnits {
+public:
+    FftRunUnits(int bands, int width, int height)
+        : m_bands(bands), m_pixels(static_cast<long long>(width) * height)
+    {
+    }
+    ProgressPass Pass(const ProgressSpan& span, int band, int pass) const
+    {
+        return ProgressPass(span, (3LL * band + pass) * m_pixels, 3LL * m_bands * m_pixels);
+    }
+
+private:
+    long long m_bands, m_pixels;
+};
 
 bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output, const QString& format,
                                     std::vector<int> bands)
 {
     WorkspaceRelease release(m_workspace);
     RasterPtr in = OpenInput(input);
-    if (!in || !SelectBands(bands, in->GetBandCount()))
+    if (!in || !CheckBands(bands, in->GetBandCount()))
         return false;
     const int width = in->GetRasterXSize();
     const int height = in->GetRasterYSize();
@@ -220,15 +235,14 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
     if (!out)
         return false;
 
-    const QString message = Tr(kContext, "Forward FFT Transform is running...");
-    const long long pixels = static_cast<long long>(width) * height;
-    const long long total = bandCount * pixels * 3;
+    const ProgressSpan progress = RunProgress(Context(), "Forward FFT Transform is running...");
+    const FftRunUnits units(bandCount, width, height);
     for (int i = 0; i < bandCount; ++i) {
-        Progress(Percent(i, bandCount), message);
+        progress.Report(i, bandCount);
         FftBandBlocks blocks(width, height);
-        if (!ReadAndTransformRows(input, bands[i], blocks, 3 * i * pixels, total, message) ||
-            !TransformColumns(blocks, +1, -1.0, (3 * i + 1) * pixels, total, message) ||
-            !WriteCentred(*out, 2 * i, blocks, (3 * i + 2) * pixels, total, message))
+        if (!ReadAndTransformRows(input, bands[i], blocks, units.Pass(progress, i, 0)) ||
+            !TransformColumns(blocks, +1, -1.0, units.Pass(progress, i, 1)) ||
+            !WriteCentred(*out, 2 * i, blocks, units.Pass(progress, i, 2)))
             return false;
     }
     return true;
@@ -245,42 +259,34 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
         return Fail(kContext, "Invalid output data type: the index must lie between 0 (Byte) and 6 (Float64)!");
     const int width = in->GetRasterXSize();
     const int height = in->GetRasterYSize();
-    // Bands come in (real, imaginary) pairs; an odd last band has no partner and is left out.
+    // Bands come in (real, imaginary) pairs; an odd last band has no partner and is left out. With
+    // no pair at all the creation of a band-less output fails.
     const int outCount = in->GetBandCount() / 2;
-    if (outCount < 1)
-        return Fail(kContext, "The input file has no pair of real and imaginary bands!");
     const int outType = outTypeIndex + 1;
-
     RasterPtr out = CreateLike(*in, output, outCount, outType, format);
     if (!out)
         return false;
 
-    const QString message = Tr(kContext, "Inverse FFT Transform is running...");
-    const long long pixels = static_cast<long long>(width) * height;
-    const long long total = outCount * pixels * 3;
+    const ProgressSpan progress = RunProgress(Context(), "Inverse FFT Transform is running...");
+    const FftRunUnits units(outCount, width, height);
     for (int i = 0; i < outCount; ++i) {
-        Progress(Percent(i, outCount), message);
+        progress.Report(i, outCount);
         FftBandBlocks blocks(width, height);
         for (int b = 0; b < blocks.BlockCount(); ++b)
             if (!blocks.AppendZeroed())
                 return Fail(kContext, "Apply memory Fail!");
         auto outBand = out->GetRasterBand(i);
-        if (!UncentreConjugated(input, 2 * i + 1, blocks, 3 * i * pixels, total, message) ||
-            !TransformBlockRows(blocks, -1, 0.0, (3 * i + 1) * pixels, total, message) ||
-            !TransformColumns(blocks, -1, 0.0, (3 * i + 2) * pixels, total, message) ||
+        if (!UncentreConjugated(input, 2 * i + 1, blocks, units.Pass(progress, i, 0)) ||
+            !TransformBlockRows(blocks, -1, 0.0, units.Pass(progress, i, 1)) ||
+            !TransformColumns(blocks, -1, 0.0, units.Pass(progress, i, 2)) ||
             !WriteRealHalves(*outBand, blocks, outType))
             return false;
     }
     return true;
 }
 
-bool TavTransFFTFuncNew::SelectBands(std::vector<int>& bands, int bandCount)
+bool TavTransFFTFuncNew::CheckBands(const std::vector<int>& bands, int bandCount)
 {
-    if (bands.empty()) {
-        for (int n = 1; n <= bandCount; ++n)
-            bands.push_back(n);
-        return true;
-    }
     for (int n : bands) {
         if (n < 1 || n > bandCount) {
             m_strError =
@@ -292,43 +298,39 @@ bool TavTransFFTFuncNew::SelectBands(std::vector<int>& bands, int bandCount)
 }
 
 bool TavTransFFTFuncNew::ReadAndTransformRows(const QString& input, int bandNumber, FftBandBlocks& blocks,
-                                              long long unitsBefore, long long unitsTotal, const QString& message)
+                                              const ProgressPass& pass)
 {
     const int width = blocks.Width();
-    for (int b = 0; b < blocks.BlockCount(); ++b) {
-        if (Cancelled())
+    for (const RowBlock b : blocks.Blocks()) {
+        if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
             return LeaveCancelled();
-        const long long done = static_cast<long long>(b) * blocks.RowsPerBlock() * width;
-        Progress(Percent(unitsBefore + done, unitsTotal), message);
         if (!blocks.AppendZeroed())
             return Fail(kContext, "Apply memory Fail!");
-        const int rows = blocks.RowsOf(b);
         RasterPtr reader = OpenBlockReader(input);
-        if (!reader || !ReadFloatRows(*reader, bandNumber, blocks.FirstRow(b), rows, width, blocks.Re(b)))
+        if (!reader || !ReadFloatRows(*reader, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
         // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
-        if (!TransformRowsOf(blocks, b, +1, -1.0))
+        if (!TransformRowsOf(blocks, b.index, +1, -1.0))
             return false;
     }
     return true;
 }
 
 bool TavTransFFTFuncNew::UncentreConjugated(const QString& input, int realBandNumber, FftBandBlocks& blocks,
-                                            long long unitsBefore, long long unitsTotal, const QString& message)
+                                            const ProgressPass& pass)
 {
     const int width = blocks.Width();
     const int height = blocks.Height();
     const int hW = width / 2;
     const int hH = height / 2;
-    TypedBuffer<float> rowRe(NewFloats(width));
-    TypedBuffer<float> rowIm(NewFloats(width));
+    auto rowRe = NewSamples<float>(width);
+    auto rowIm = NewSamples<float>(width);
     if (!rowRe || !rowIm)
         return Fail(kContext, "Apply memory Fail!");
     RasterPtr reader;
     for (int y = 0; y < height; ++y) {
-        if (Cancelled())
+        if (!pass.PollAndReport(y))
             return LeaveCancelled();
-        Progress(Percent(unitsBefore + y, unitsTotal), message);
         if (y % blocks.RowsPerBlock() == 0)
             reader = OpenBlockReader(input);
         const int source = (y + hH) % height;
@@ -346,15 +348,12 @@ bool TavTransFFTFuncNew::UncentreConjugated(const QString& input, int realBandNu
     return true;
 }
 
-bool TavTransFFTFuncNew::TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, long long unitsBefore,
-                                            long long unitsTotal, const QString& message)
+bool TavTransFFTFuncNew::TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
 {
-    for (int b = 0; b < blocks.BlockCount(); ++b) {
-        if (Cancelled())
+    for (const RowBlock b : blocks.Blocks()) {
+        if (!pass.PollAndReport(static_cast<long long>(b.first) * blocks.Width()))
             return LeaveCancelled();
-        const long long done = static_cast<long long>(b) * blocks.RowsPerBlock() * blocks.Width();
-        Progress(Percent(unitsBefore + done, unitsTotal), message);
-        if (!TransformRowsOf(blocks, b, sign, scaling))
+        if (!TransformRowsOf(blocks, b.index, sign, scaling))
             return false;
     }
     return true;
@@ -368,54 +367,50 @@ bool TavTransFFTFuncNew::TransformRowsOf(FftBandBlocks& blocks, int block, int s
     for (int r = 0; r < blocks.RowsOf(block); ++r) {
         const long long offset = static_cast<long long>(r) * width;
         if (FftN(&m_workspace, 1, &width, re + offset, im + offset, sign, scaling) != 0)
-            return Fail(kContext, "The Fourier transform of a row failed!");
+            return KernelFailed();
     }
     return true;
 }
 
-bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, double scaling, long long unitsBefore,
-                                          long long unitsTotal, const QString& message)
+bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
 {
     const int width = blocks.Width();
     int height = blocks.Height();
     const int batch = std::min(kColumnBatch, width);
     const long long stride = ColumnStride(height);
-    TypedBuffer<float> re(NewFloats(batch * stride));
-    TypedBuffer<float> im(NewFloats(batch * stride));
+    auto re = NewSamples<float>(batch * stride);
+    auto im = NewSamples<float>(batch * stride);
     if (!re || !im)
         return Fail(kContext, "Apply memory Fail!");
     for (int x0 = 0; x0 < width; x0 += batch) {
         const int n = std::min(batch, width - x0);
         blocks.GatherColumns(x0, n, re.get(), im.get(), stride);
         for (int k = 0; k < n; ++k) {
-            if (Cancelled())
+            if (!pass.PollAndReport(x0 + k))
                 return LeaveCancelled();
-            Progress(Percent(unitsBefore + x0 + k, unitsTotal), message);
             if (FftN(&m_workspace, 1, &height, re.get() + k * stride, im.get() + k * stride, sign, scaling) != 0)
-                return Fail(kContext, "The Fourier transform of a column failed!");
+                return KernelFailed();
         }
         blocks.ScatterColumns(x0, n, re.get(), im.get(), stride);
     }
     return true;
 }
 
-bool TavTransFFTFuncNew::WriteCentred(RasterDataset& out, int firstBand, FftBandBlocks& blocks,
-                                      long long unitsBefore, long long unitsTotal, const QString& message)
+bool TavTransFFTFuncNew::WriteCentred(RasterDataset& out, int firstBand, FftBandBlocks& blocks, const ProgressPass& pass)
 {
     const int width = blocks.Width();
     const int height = blocks.Height();
     const int hW = width / 2;
     const int hH = height / 2;
-    TypedBuffer<float> rowRe(NewFloats(width));
-    TypedBuffer<float> rowIm(NewFloats(width));
+    auto rowRe = NewSamples<float>(width);
+    auto rowIm = NewSamples<float>(width);
     if (!rowRe || !rowIm)
         return Fail(kContext, "Apply memory Fail!");
     auto realBand = out.GetRasterBand(firstBand);
     auto imagBand = out.GetRasterBand(firstBand + 1);
     for (int y = 0; y < height; ++y) {
-        if (Cancelled())
+        if (!pass.PollAndReport(y))
             return LeaveCancelled();
-        Progress(Percent(unitsBefore + y, unitsTotal), message);
         // A circular quadrant swap: the zero frequency lands on (floor(W/2), floor(H/2)).
         RotateRow(blocks.ReRow(y), rowRe.get(), width, hW);
         RotateRow(blocks.ImRow(y), rowIm.get(), width, hW);

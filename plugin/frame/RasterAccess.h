@@ -31,6 +31,29 @@ struct TypedBufferDeleter {
 template <class T>
 using TypedBuffer = std::unique_ptr<T, TypedBufferDeleter>;
 
+// The pixel type code of a sample type.
+template <class T>
+constexpr int PixelTypeOf()
+{
+    if constexpr (std::is_same_v<T, uint8_t>) return OrvDataSource::PDT_Byte;
+    else if constexpr (std::is_same_v<T, uint16_t>) return OrvDataSource::PDT_UInt16;
+    else if constexpr (std::is_same_v<T, int16_t>) return OrvDataSource::PDT_Int16;
+    else if constexpr (std::is_same_v<T, uint32_t>) return OrvDataSource::PDT_UInt32;
+    else if constexpr (std::is_same_v<T, int32_t>) return OrvDataSource::PDT_Int32;
+    else if constexpr (std::is_same_v<T, float>) return OrvDataSource::PDT_Float32;
+    else {
+        static_assert(std::is_same_v<T, double>, "not a pixel sample type");
+        return OrvDataSource::PDT_Float64;
+    }
+}
+
+// count uninitialised samples, owned; null when refused.
+template <class T>
+TypedBuffer<T> NewSamples(long long count)
+{
+    return TypedBuffer<T>(static_cast<T*>(NewTypedBuffer(PixelTypeOf<T>(), count)));
+}
+
 // Calls fn(std::type_identity<T>{}) with the C++ type of a pixel type code 1..7; false otherwise.
 template <class Fn>
 bool DispatchPixelType(int type, Fn&& fn)

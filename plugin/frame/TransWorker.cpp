@@ -1,5 +1,4 @@
 #include "frame/TransWorker.h"
-#include "frame/TavTransformFunc.h"
 
 #include "OrvDataSource/DatasetFactory.h"
 
@@ -22,36 +21,11 @@ TransWorker::RasterPtr TransWorker::CreateOutput(const QString& path, int width,
                                                            static_cast<PixelDataType>(type), format, nullptr);
 }
 
-void TransWorker::CopyGeoTransform(RasterDataset* in, RasterDataset* out)
-{
-    double gt[6];
-    in->GetGeoTransform(gt);
-    out->SetGeoTransform(gt);
-}
-
-void TransWorker::CopySpatialReference(RasterDataset* in, RasterDataset* out)
-{
-    if (auto srs = in->GetSpatialReference())
-        out->SetSpatialReference(srs);
-}
-
-void TransWorker::CopyRpcIfPresent(RasterDataset* in, RasterDataset* out)
-{
-    if (in->GetMetadata("RPC"))
-        DatasetFactory::CopyRPCFile(in, out);
-}
-
-void TransWorker::Progress(double percent, const QString& message) const { m_pAlgo->Report(percent, message); }
-
-bool TransWorker::Cancelled() const { return m_pAlgo->CancelRequested(); }
-
 bool TransWorker::LeaveCancelled()
 {
-    m_pAlgo->SetErrorInfo(-1010, QString());
+    SetErrorInfo(-1010, QString());
     return false;
 }
-
-void TransWorker::SetErrorInfo(int code, const QString& text) const { m_pAlgo->SetErrorInfo(code, text); }
 
 bool TransWorker::Fail(const char* context, const char* text)
 {

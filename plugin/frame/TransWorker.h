@@ -1,15 +1,15 @@
 #pragma once
+#include "frame/RunContext.h"
+
 #include "OrvDataSource/RasterDataset.h"
 
 #include <QString>
 
-class TavTransformFunc;
-
 // The shape every per-run worker shares: its failure text, then the way back to the algorithm
-// object for progress, error codes and the cancel flag. The recurring steps live here once.
+// object (progress, the cancel flag, error information), narrowed to a run context.
 class TransWorker {
 public:
-    explicit TransWorker(TavTransformFunc* algo) : m_pAlgo(algo) {}
+    explicit TransWorker(const RunContext& ctx) : m_ctx(&ctx) {}
     const QString& ErrorText() const { return m_strError; }
 
 protected:
@@ -18,20 +18,18 @@ protected:
     // Opens through the factory's generic open; a dataset without raster bands counts as not opened.
     static RasterPtr OpenInputRaster(const QString& path);
     RasterPtr CreateOutput(const QString& path, int width, int height, int bands, int type, const QString& format) const;
-    static void CopyGeoTransform(OrvDataSource::RasterDataset* in, OrvDataSource::RasterDataset* out);
-    static void CopySpatialReference(OrvDataSource::RasterDataset* in, OrvDataSource::RasterDataset* out);
-    static void CopyRpcIfPresent(OrvDataSource::RasterDataset* in, OrvDataSource::RasterDataset* out);
 
-    void Progress(double percent, const QString& message) const;
-    bool Cancelled() const;
+    const RunContext& Context() const { return *m_ctx; }
+    void Progress(double percent, const QString& message) const { m_ctx->Report(percent, message); }
+    bool Cancelled() const { return m_ctx->CancelRequested(); }
     // The cancelled exit: code -1010 with an empty text on the algorithm object.
     bool LeaveCancelled();
-    void SetErrorInfo(int code, const QString& text) const;
+    void SetErrorInfo(int code, const QString& text) const { m_ctx->SetErrorInfo(code, text); }
     // Sets the worker's text translated in `context` and returns false.
     bool Fail(const char* context, const char* text);
 
     QString m_strError;
-    TavTransformFunc* m_pAlgo;
+    const RunContext* m_ctx;
 };
 
 QString Tr(const char* context, const char* text);

@@ -1,6 +1,6 @@
 #include "kt/KTTransformFunc.h"
 #include "frame/RasterAccess.h"
-#include "frame/TavTransformFunc.h"
+#include "frame/RunSteps.h"
 #include "kt/KTCoefficients.h"
 
 #include <gdal_priv.h>
@@ -14,24 +14,87 @@ namespace {
 
 const char* kContext = "KTTransformFunc";
 
-// 1-based input band read for used position j: a 7-band TM scene gives band 7 in place of band 6.
-int InputBandFor(int sensor, int position, int bandCount)
+// 1-based input bands read for the used positions: a 7-band TM scene gives band 7 in place of band 6.
+BandNumbers UsedBands(int sensor, const KTSensorSet& set, int bandCount)
 {
-    if (sensor == 0 && position == 5 && bandCount == 7)
-        return 7;
-    return position + 1;
+    BandNumbers bands = AllBandNumbers(set.weights);
+    if (sensor == 0 && bandCount == 7)
+        bands[5] = 7;
+    return bands;
 }
+
+// No-data of input band i onto output band i (0 when the input has none), the coordinate system,
+// and the window's origin half a pixel in, also for a window at 0: kept on purpose, users'
+// products are registered to it.
+void PlaceOutput(RasterDataset& in, RasterDataset& out, int components, const PixelWindow& win)
+{
+    for (int i = 0; i < components; ++i) {
+        double noData = 0;
+        if (!in.GetRasterBand(i)->GetNoDataValue(&noData))
+            noData = 0;
+        out.GetRasterBand(i)->SetNoDataValue(noData);
+    }
+    CopySpatialReference(in, out);
+    double gt[6];
+    in.GetGeoTransform(gt);
+    ShiftOrigin(gt, win.x0 + 0.5, win.y0 + 0.5);
+    out.SetGeoTransform(gt);
+}
+
+void NameBands(RasterDataset& out, const KTSensorSet& set)
+{
+    if (GDALDataset* gds = out.GetGDALDataset())
+        for (int k = 0; k < set.components; ++k)
+            gds->GetRasterBand(k + 1)->SetDescription(set.names[k]);
+}
+
+// One row of every used band into the block as floats, each band converted from its own type. A
+// failed read is used as it comes back. Bands of one type come in one read, band after band,
+// which is the block's layout.
+class RowReader {
+public:
+    RowReader(RasterDataset& in, BandNumbers bands, const PixelWindow& win)
+        : m_in(in), m_bands(std::move(bands)), m_win(win), m_oneType(true)
+    {
+        const int first = in.GetRasterBand(m_bands[0] - 1)->GetRasterDataType();
+        for (int b : m_bands)
+            m_oneType = m_oneType && in.GetRasterBand(b - 1)->GetRasterDataType() == first;
+    }
+    void Read(int r, float* block) const
+    {
+        if (m_oneType)
+            ReadInto(m_bands, r, block);
+        else
+            for (std::size_t j = 0; j < m_bands.size(); ++j)
+                ReadInto({m_bands[j]}, r, block + j * m_win.width);
+    }
+
+private:
+    void ReadInto(const BandNumbers& bands, int r, float* into) const
+    {
+        const long long count = static_cast<long long>(bands.size()) * m_win.width;
+        auto pixels = m_in.ReadRaster(m_win.x0, m_win.y0 + r, m_win.width, 1, m_win.width, 1, bands);
+        TypedBuffer<float> converted(ToFloatArray(pixels->GetData(), count, pixels->GetDataType()));
+        if (converted)
+            std::memcpy(into, converted.get(), static_cast<std::size_t>(count) * sizeof(float));
+    }
+
+    RasterDataset& m_in;
+    BandNumbers m_bands;
+    PixelWindow m_win;
+    bool m_oneType;
+};
 
 // One component over one row, in single precision, products in band order and the constant last.
 void ComputeComponent(const KTSensorSet& set, int k, const float* block, int width, float* out,
-                      const TavTransformFunc* algo, bool& cancelled);
+                      const RunContext* ctx, bool& cancelled);
 
 } // namespace
 
 bool KTTransformFunc::Run(const QString& input, const QString& output, const QString& format, int sensor,
                           int xStart, int xEnd, int yStart, int yEnd)
 {
-    if (xStart != -1 && (xEnd < xStart || yEnd < yStart)) {
+    if (xStart != kWholeImage && (xEnd < xStart || yEnd < yStart)) {
         SetErrorInfo(1, QString());
         m_strError.clear();
         return false;
@@ -41,84 +104,46 @@ bool KTTransformFunc::Run(const QString& input, const QString& output, const QSt
         SetErrorInfo(2, QString());
         return Fail(kContext, "Failed to open the input file!");
     }
-    const int xSize = in->GetRasterXSize();
-    const int ySize = in->GetRasterYSize();
-    if (xStart == -1) {
-        xStart = 0;
-        xEnd = xSize - 1;
-        yStart = 0;
-        yEnd = ySize - 1;
-    }
-    const int width = xEnd - xStart + 1;
-    const int height = yEnd - yStart + 1;
-
+    const PixelWindow win = xStart == kWholeImage ? WholeWindow(in->GetRasterXSize(), in->GetRasterYSize())
+                                                  : InclusiveWindow(xStart, xEnd, yStart, yEnd);
     const KTSensorSet& set = KTSensor(sensor);
     const int bandCount = in->GetBandCount();
     if (bandCount < set.requiredBands)
         return Fail(kContext, "Input file is inconsistent with the sensor type! ");
-
-    const double required = static_cast<double>(BytesPerSample(in->GetRasterBand(0)->GetRasterDataType())) *
-                            set.components * ySize * xSize;
-    if (!EnoughFreeSpace(output, required))
+    if (!EnoughFreeSpace(output, OutputBytesEstimate(*in, set.components)))
         return Fail(kContext, "Low Disk Space!");
-
-    RasterPtr out = CreateOutput(output, width, height, set.components, PDT_Float32, format);
+    RasterPtr out = CreateOutput(output, win.width, win.height, set.components, PDT_Float32, format);
     if (!out)
         return Fail(kContext, "OutFile Creat Fail!");
+    PlaceOutput(*in, *out, set.components, win);
 
-    for (int i = 0; i < set.components; ++i) {
-        double noData = 0;
-        if (!in->GetRasterBand(i)->GetNoDataValue(&noData))
-            noData = 0;
-        out->GetRasterBand(i)->SetNoDataValue(noData);
-    }
-    CopySpatialReference(in.get(), out.get());
-    double gt[6];
-    in->GetGeoTransform(gt);
-    // Half a pixel in from the window's corner, also for a window at 0: kept on purpose, users'
-    // products are registered to it.
-    const double ox = gt[0] + (xStart + 0.5) * gt[1] + (yStart + 0.5) * gt[2];
-    const double oy = gt[3] + (xStart + 0.5) * gt[4] + (yStart + 0.5) * gt[5];
-    gt[0] = ox;
-    gt[3] = oy;
-    out->SetGeoTransform(gt);
-
-    TypedBuffer<float> block(static_cast<float*>(NewTypedBuffer(PDT_Float32, static_cast<long long>(set.requiredBands) * width)));
-    TypedBuffer<float> row(static_cast<float*>(NewTypedBuffer(PDT_Float32, width)));
-    ClearTypedBuffer(block.get(), PDT_Float32, static_cast<long long>(set.requiredBands) * width);
-    ClearTypedBuffer(row.get(), PDT_Float32, width);
+    const long long blockSize = static_cast<long long>(set.requiredBands) * win.width;
+    auto block = NewSamples<float>(blockSize);
+    auto row = NewSamples<float>(win.width);
+    ClearTypedBuffer(block.get(), PDT_Float32, blockSize);
+    ClearTypedBuffer(row.get(), PDT_Float32, win.width);
     if (!block || !row)
         return Fail(kContext, "Apply memory Fail!");
+    NameBands(*out, set);
 
-    if (GDALDataset* gds = out->GetGDALDataset())
-        for (int k = 0; k < set.components; ++k)
-            gds->GetRasterBand(k + 1)->SetDescription(set.names[k]);
-
-    std::vector<int> usedBands;
-    for (int j = 0; j < set.weights; ++j)
-        usedBands.push_back(InputBandFor(sensor, j, bandCount));
-    const long long blockSize = static_cast<long long>(set.weights) * width;
-    for (int r = 0; r < height; ++r) {
-        Progress(static_cast<float>(r) / static_cast<float>(height) * 100.0f,
-                 Tr(kContext, "Tasseled Cap Transform is running..."));
-        // All used bands of the row in one read: the buffer comes back band after band, which is
-        // the block's layout, so one conversion fills the block.
-        auto pixels = in->ReadRaster(xStart, yStart + r, width, 1, width, 1, usedBands);
-        TypedBuffer<float> converted(ToFloatArray(pixels->GetData(), blockSize, pixels->GetDataType()));
-        if (converted)
-            block = std::move(converted);
+    const RowReader reader(*in, UsedBands(sensor, set, bandCount), win);
+    const ProgressSpan progress(Context(), Tr(kContext, "Tasseled Cap Transform is running..."), 0, 100,
+                                ProgressMath::Single);
+    for (int r = 0; r < win.height; ++r) {
+        progress.Report(r, win.height);
+        reader.Read(r, block.get());
         for (int k = 0; k < set.components; ++k) {
             bool cancelled = false;
-            ComputeComponent(set, k, block.get(), width, row.get(), m_pAlgo, cancelled);
+            ComputeComponent(set, k, block.get(), win.width, row.get(), m_ctx, cancelled);
             if (cancelled)
                 return LeaveCancelled();
             const int band = k + 1;
-            out->WriteRaster(0, r, width, 1, row.get(), width, 1, PDT_Float32, 1, &band, 0, 0, 0);
+            out->WriteRaster(0, r, win.width, 1, row.get(), win.width, 1, PDT_Float32, 1, &band, 0, 0, 0);
         }
     }
     block.reset();
     row.reset();
-    CopyRpcIfPresent(in.get(), out.get());
+    CopyRpcIfPresent(*in, *out);
     return true;
 }
 
@@ -168,7 +193,7 @@ inline void ComputeOne(const float* const* band, const float* w, float c, int p,
 
 template <int N, bool kZeroRule>
 void ComputeFixed(const KTSensorSet& set, int k, const float* block, int width, float* out,
-                  const TavTransformFunc* algo, bool& cancelled)
+                  const RunContext* ctx, bool& cancelled)
 {
     float w[N];
     const float* band[N];
@@ -183,7 +208,7 @@ void ComputeFixed(const KTSensorSet& set, int k, const float* block, int width, 
     for (int p0 = 0; p0 < width; p0 += kRun) {
         const int end = std::min(width, p0 + kRun);
         for (int p = p0; p < end; ++p)
-            if (algo->CancelRequested()) {
+            if (ctx->CancelRequested()) {
                 cancelled = true;
                 return;
             }
@@ -195,14 +220,14 @@ void ComputeFixed(const KTSensorSet& set, int k, const float* block, int width, 
 }
 
 void ComputeComponent(const KTSensorSet& set, int k, const float* block, int width, float* out,
-                      const TavTransformFunc* algo, bool& cancelled)
+                      const RunContext* ctx, bool& cancelled)
 {
     if (set.weights == 4)
-        ComputeFixed<4, false>(set, k, block, width, out, algo, cancelled);
+        ComputeFixed<4, false>(set, k, block, width, out, ctx, cancelled);
     else if (set.hasConstant)
-        ComputeFixed<6, true>(set, k, block, width, out, algo, cancelled);
+        ComputeFixed<6, true>(set, k, block, width, out, ctx, cancelled);
     else
-        ComputeFixed<6, false>(set, k, block, width, out, algo, cancelled);
+        ComputeFixed<6, false>(set, k, block, width, out, ctx, cancelled);
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 #include "pca/PCAEigen.h"
-#include "pca/JacobiRotationLocal.h"
+#include "frame/JacobiRotation.h"
 
 #include <cmath>
 #include <map>

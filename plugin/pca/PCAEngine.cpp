@@ -1,5 +1,6 @@
 #include "pca/PCAEngine.h"
 #include "frame/RasterAccess.h"
+#include "frame/RunSteps.h"
 #include "frame/TransWorker.h"
 #include "pca/PCAEigen.h"
 #include "pca/PCAKernels.h"
@@ -34,11 +35,8 @@ OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
 
 void PlaceOnInput(RasterDataset& in, RasterDataset& out)
 {
-    if (auto srs = in.GetSpatialReference())
-        out.SetSpatialReference(srs);
-    double gt[6];
-    in.GetGeoTransform(gt);
-    out.SetGeoTransform(gt);
+    CopySpatialReference(in, out);
+    CopyGeoTransform(in, out);
 }
 
 // Pixel-interleaved reads and writes of whole rows: the samples of one pixel side by side.
@@ -46,9 +44,7 @@ template <class T>
 bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
 {
     const int width = in.GetRasterXSize();
-    std::vector<int> numbers(bands);
-    for (int b = 0; b < bands; ++b)
-        numbers[b] = b + 1;
+    const BandNumbers numbers = AllBandNumbers(bands);
     const long long pixel = static_cast<long long>(sizeof(T)) * bands;
     return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
                              bands, numbers.data(), pixel, pixel * width, sizeof(T));
@@ -58,9 +54,7 @@ template <class T>
 bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
 {
     const int width = out.GetRasterXSize();
-    std::vector<int> numbers(bands);
-    for (int b = 0; b < bands; ++b)
-        numbers[b] = b + 1;
+    const BandNumbers numbers = AllBandNumbers(bands);
     const long long pixel = static_cast<long long>(sizeof(T)) * bands;
     return out.WriteRaster(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
                            bands, numbers.data(), pixel, pixel * width, sizeof(T));
@@ -80,11 +74,6 @@ bool DispatchPair(int inType, int outType, Fn&& fn)
 } // namespace
 
 CPCAEngine::CPCAEngine(const QString& input, const RunContext* context) : m_strInput(input), m_pContext(context) {}
-
-CPCAEngine::CPCAEngine(const QString& input, TavTransformFunc* algo)
-    : m_ownContext(std::make_unique<RunContext>(algo)), m_strInput(input), m_pContext(m_ownContext.get())
-{
-}
 
 CPCAEngine::~CPCAEngine() = default;
 
@@ -194,13 +183,12 @@ int CPCAEngine::StatisticsPass(int components)
 
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
     readSpan.ReportPercent(0);
-    for (int k = 0; k < blocks.Count(); ++k) {
-        const RowBlock block = blocks[k];
+    for (const RowBlock block : blocks) {
         if (!ReadRows(*m_pDataset, block.first, block.rows, n, buffer.get()))
             return Fail(1, "Failed to read the input file!");
         PcaAccumulate(buffer.get(), static_cast<long long>(block.rows) * width, n, m_pSum.get(), m_pSumSq.get(),
                       m_pCross.get(), scratch.data());
-        if (!readSpan.ReportAndPoll(k, blocks.Count())) {
+        if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
             m_pStatFile.reset();
             return Fail(6, QString());
         }
@@ -298,8 +286,7 @@ PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster)
     TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(kRangeRows) * width * bands);
     if (!buffer)
         return range;
-    for (int k = 0; k < blocks.Count(); ++k) {
-        const RowBlock block = blocks[k];
+    for (const RowBlock block : blocks) {
         ReadRows(raster, block.first, block.rows, bands, buffer.get());
         const TIn* p = buffer.get();
         for (long long i = 0, count = static_cast<long long>(block.rows) * width * bands; i < count; ++i)
@@ -343,20 +330,18 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     };
     const RowBlocks blocks(height, static_cast<int>(rows));
     const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
-    for (int k = 0; k < blocks.Count(); ++k) {
-        const RowBlock block = blocks[k];
+    for (const RowBlock block : blocks) {
         if (!ReadRows(*m_pDataset, block.first, block.rows, n, in.get()))
             return Fail(1, "Failed to read the input file!");
         PcaProject(in.get(), static_cast<long long>(block.rows) * width, n, subtractMean ? m_pSum.get() : nullptr,
                    weights.data(), m, nullptr, out.get(), scratch.data(), inputRange);
         WriteRows(*raster, block.first, block.rows, m, out.get());
-        if (!span.ReportAndPoll(k, blocks.Count())) {
+        if (!span.ReportAndPoll(block.index, blocks.Count())) {
             m_pStatFile.reset();
             return Fail(6, QString());
         }
     }
-    if (m_pDataset->GetMetadata("RPC"))
-        DatasetFactory::CopyRPCFile(m_pDataset.get(), raster.get());
+    CopyRpcIfPresent(*m_pDataset, *raster);
     m_pStatFile.reset();
     return 0;
 }
@@ -438,15 +423,14 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
     };
     const RowBlocks blocks(height, static_cast<int>(rows));
     const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
-    for (int k = 0; k < blocks.Count(); ++k) {
-        const RowBlock block = blocks[k];
+    for (const RowBlock block : blocks) {
         if (!ReadRows(*m_pDataset, block.first, block.rows, n, in.get()))
             return Fail(1, "Failed to read the input file!");
         // The mean goes back whatever the forward run subtracted; intended.
         PcaProject(in.get(), static_cast<long long>(block.rows) * width, n, nullptr, weights.data(), n, means,
                    out.get(), scratch.data(), inputRange);
         WriteRows(*raster, block.first, block.rows, n, out.get());
-        if (!span.ReportAndPoll(k, blocks.Count()))
+        if (!span.ReportAndPoll(block.index, blocks.Count()))
             return Fail(6, QString());
     }
     return 0;

@@ -1,6 +1,6 @@
 #pragma once
 #include "frame/PCARecords.h"
-#include "pca/FrameShim.h"
+#include "frame/RunContext.h"
 #include "pca/PCAStatFile.h"
 
 #include "OrvDataSource/RasterDataset.h"
@@ -9,7 +9,6 @@
 #include <memory>
 #include <vector>
 
-class TavTransformFunc;
 struct PcaSampleRange;
 
 // Principal component engine; lives in the algorithm object between runs, so a rotation-only run
@@ -17,7 +16,6 @@ struct PcaSampleRange;
 class CPCAEngine {
 public:
     CPCAEngine(const QString& input, const RunContext* context);
-    CPCAEngine(const QString& input, TavTransformFunc* algo);
     ~CPCAEngine();
     CPCAEngine(const CPCAEngine&) = delete;
     CPCAEngine& operator=(const CPCAEngine&) = delete;
@@ -52,7 +50,6 @@ private:
     int Fail(int status, const char* text) const;
     int Fail(int status, const QString& text) const;
 
-    std::unique_ptr<RunContext> m_ownContext;
     QString m_strInput;
     RasterPtr m_pDataset;
     int m_nBands = 0;

@@ -81,8 +81,8 @@ inline float RebuiltLastLow(float hLast, float lPrev)
     return kLastLowGain * (hLast - kBorderRatio * lPrev);
 }
 
-// The batched passes run these over a batch of columns; the element-wise
-// expressions are the line transform's own, so the bits agree.
+// The row-window passes run these over a row; the element-wise expressions
+// are the line transform's own, so the bits agree.
 void Dot4Rows(const float* t, const float* __restrict a, const float* __restrict b,
               const float* __restrict c, const float* __restrict d, float* __restrict out, std::size_t nb)
 {
@@ -102,65 +102,6 @@ void OddRows(const float* __restrict lPrev, const float* __restrict l, const flo
 {
     for (std::size_t i = 0; i < nb; ++i)
         out[i] = OddSample(lPrev[i], l[i], h[i], hNext[i]);
-}
-
-void ForwardColumnBatch(const float* pIn, float* pOut, std::size_t w, std::size_t h, std::size_t nb,
-                        float* pScratch)
-{
-    float* border = pScratch;
-    float* zeros = pScratch + nb;
-    std::fill(zeros, zeros + nb, 0.0f);
-    ForwardBorderRow(pIn, h > 1 ? pIn + w : zeros, border, nb);
-
-    // Row i of the extension: e0, 0, the column, then zeros.
-    auto ext = [&](std::size_t i) -> const float* {
-        if (i == 0)
-            return border;
-        if (i == 1 || i >= h + 2)
-            return zeros;
-        return pIn + (i - 2) * w;
-    };
-
-    const std::size_t half = h / 2;
-    for (std::size_t j = 0; j < (h + 1) / 2; ++j) {
-        // For an odd h the last low-pass row would be overwritten at once; skip it.
-        if (j < half)
-            ForwardLowRow(ext(2 * j + 2), ext(2 * j + 3), ext(2 * j + 4), ext(2 * j + 5), pOut + j * w, nb);
-        ForwardHighRow(ext(2 * j), ext(2 * j + 1), ext(2 * j + 2), ext(2 * j + 3), pOut + (half + j) * w, nb);
-    }
-}
-
-void InverseColumnBatch(const float* pIn, float* pOut, std::size_t w, std::size_t h, std::size_t nb,
-                        float* pScratch)
-{
-    const std::size_t nLow = h / 2;        // low-pass rows stored
-    const std::size_t nHigh = (h + 1) / 2; // high-pass rows stored
-    float* zeros = pScratch;
-    float* lastLow = pScratch + nb;
-    float* extraHigh = pScratch + 2 * nb;
-    std::fill(zeros, zeros + nb, 0.0f);
-
-    // lowRow(j + 1) is L[j] for j >= -1; highRow(j) is H[j].
-    auto lowRow = [&](std::size_t jPlus1) -> const float* {
-        if (jPlus1 == 0)
-            return zeros;
-        if (jPlus1 <= nLow)
-            return pIn + (jPlus1 - 1) * w;
-        return lastLow;
-    };
-    auto highRow = [&](std::size_t j) -> const float* {
-        return j < nHigh ? pIn + (nLow + j) * w : extraHigh;
-    };
-
-    if (h % 2 != 0)
-        InverseLastLowRow(highRow(nLow), lowRow(nLow), lastLow, nb);
-    InverseExtraHighRow(lowRow(nHigh), extraHigh, nb);
-
-    for (std::size_t k = 0; k < nHigh; ++k) {
-        InverseEvenRow(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + 2 * k * w, nb);
-        if (2 * k + 1 < h)
-            InverseOddRow(lowRow(k), lowRow(k + 1), highRow(k), highRow(k + 1), pOut + (2 * k + 1) * w, nb);
-    }
 }
 
 }  // namespace
@@ -249,30 +190,6 @@ void InverseLine(const float* pIn, float* pOut, std::size_t n, float* pScratch)
     }
     if (n % 2 != 0)
         pOut[n - 1] = EvenSample(low[nLow], low[nLow + 1], high[nLow], high[nLow + 1]);
-}
-
-void ForwardRows(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch)
-{
-    for (std::size_t r = 0; r < h; ++r)
-        ForwardLine(pIn + r * w, pOut + r * w, w, pScratch);
-}
-
-void InverseRows(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch)
-{
-    for (std::size_t r = 0; r < h; ++r)
-        InverseLine(pIn + r * w, pOut + r * w, w, pScratch);
-}
-
-void ForwardColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch)
-{
-    for (std::size_t c = 0; c < w; c += kColumnBatch)
-        ForwardColumnBatch(pIn + c, pOut + c, w, h, std::min(kColumnBatch, w - c), pScratch);
-}
-
-void InverseColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch)
-{
-    for (std::size_t c = 0; c < w; c += kColumnBatch)
-        InverseColumnBatch(pIn + c, pOut + c, w, h, std::min(kColumnBatch, w - c), pScratch);
 }
 
 namespace {

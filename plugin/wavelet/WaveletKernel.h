@@ -22,16 +22,8 @@ namespace WaveletKernel {
 inline constexpr float kLo[4] = {0.3415064f, 0.5915064f, 0.1584937f, -0.0915063f};
 inline constexpr float kHi[4] = {-0.0915063f, -0.1584937f, 0.5915064f, -0.3415064f};
 
-// Columns handled per sweep over the rows by the batched column passes: wide
-// enough that each output row slice streams from a few input row slices that
-// stay in cache, which measured faster than narrower batches.
-inline constexpr std::size_t kColumnBatch = 4096;
-
-// Floats of scratch for ForwardLine, InverseLine, ForwardRows and InverseRows on lines of n samples.
+// Floats of scratch for ForwardLine and InverseLine on lines of n samples.
 constexpr std::size_t LineScratchSize(std::size_t n) { return n + 5; }
-
-// Floats of scratch for ForwardColumns and InverseColumns on an image w columns wide.
-constexpr std::size_t ColumnScratchSize(std::size_t w) { return 3 * (w < kColumnBatch ? w : kColumnBatch); }
 
 // Floats of scratch for the column-at-a-time reference passes on an image h rows high.
 constexpr std::size_t PerColumnScratchSize(std::size_t h) { return h + LineScratchSize(h); }
@@ -42,22 +34,9 @@ void ForwardLine(const float* pIn, float* pOut, std::size_t n, float* pScratch);
 // Inverse of ForwardLine. pIn may equal pOut.
 void InverseLine(const float* pIn, float* pOut, std::size_t n, float* pScratch);
 
-// ForwardLine on every row. pIn may equal pOut.
-void ForwardRows(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
-
-// InverseLine on every row. pIn may equal pOut.
-void InverseRows(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
-
-// ForwardLine down every column, kColumnBatch neighbouring columns per sweep.
-// pIn and pOut must not overlap.
-void ForwardColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
-
-// InverseLine down every column, batched like ForwardColumns. pIn and pOut must not overlap.
-void InverseColumns(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
-
 // Row-window forms of the column passes, for runs that stream an image in row
 // order: each computes one row of n samples from the rows it depends on, with
-// the batched passes' own arithmetic (which is built from them), so the bits agree.
+// the line transform's own arithmetic, so the bits agree with the reference passes.
 // The output row must not overlap the rows read.
 //
 // Forward, with the column extension e(0) = ForwardBorderRow(row 0, row 1),
@@ -78,7 +57,7 @@ void InverseEvenRow(const float* lPrev, const float* l, const float* h, const fl
 void InverseOddRow(const float* lPrev, const float* l, const float* h, const float* hNext, float* out, std::size_t n);
 
 // Reference passes: gather one column, run the line transform, scatter it back.
-// The batched passes give the same bits. pIn may equal pOut.
+// The row-window passes give the same bits. pIn may equal pOut.
 void ForwardColumnsPerColumn(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
 void InverseColumnsPerColumn(const float* pIn, float* pOut, std::size_t w, std::size_t h, float* pScratch);
 

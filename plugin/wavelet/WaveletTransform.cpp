@@ -1,5 +1,6 @@
 #include "wavelet/WaveletTransform.h"
 #include "frame/RasterAccess.h"
+#include "frame/RunSteps.h"
 #include "wavelet/WaveletKernel.h"
 
 #include "OrvDataSource/DatasetFactory.h"
@@ -42,31 +43,25 @@ void CopySideFile(const QString& input, const QString& output)
     QFile::copy(from, to);
 }
 
-struct Window {
-    int x0 = 0, y0 = 0, w = 0, h = 0;
-};
-
 // A negative first column or row selects the whole image whatever the other bounds say. A window
 // reaching outside the image fails, like a band list that does not fit, without a text.
-bool ResolveWindow(int width, int height, int firstCol, int lastCol, int firstRow, int lastRow, Window& win)
+bool ResolveWindow(int width, int height, int firstCol, int lastCol, int firstRow, int lastRow, PixelWindow& win)
 {
     if (firstCol < 0 || firstRow < 0) {
-        win = {0, 0, width, height};
+        win = WholeWindow(width, height);
         return width > 0 && height > 0;
     }
     if (lastCol < firstCol || lastRow < firstRow || lastCol >= width || lastRow >= height)
         return false;
-    win = {firstCol, firstRow, lastCol - firstCol + 1, lastRow - firstRow + 1};
+    win = InclusiveWindow(firstCol, lastCol, firstRow, lastRow);
     return true;
 }
 
-// 0-based indices; none listed means every band in order.
-bool ResolveBands(const int* bands, int count, int bandCount, std::vector<int>& list)
+// None listed means every band in order.
+bool ResolveBands(const int* bands, int count, int bandCount, BandIndices& list)
 {
-    list.clear();
     if (!bands || count <= 0) {
-        for (int b = 0; b < bandCount; ++b)
-            list.push_back(b);
+        list = AllBandIndices(bandCount);
         return bandCount > 0;
     }
     if (count > bandCount)
@@ -77,32 +72,22 @@ bool ResolveBands(const int* bands, int count, int bandCount, std::vector<int>& 
 
 // Origin moved to the window's corner; the coordinate system only when the input is not
 // referenced by ground control points, whose system is a different one.
-void PlaceOnInput(RasterDataset* in, RasterDataset* out, const Window& win)
+void PlaceOnInput(RasterDataset& in, RasterDataset& out, const PixelWindow& win)
 {
     double gt[6];
-    in->GetGeoTransform(gt);
-    const double ox = gt[0] + gt[1] * win.x0 + gt[2] * win.y0;
-    const double oy = gt[3] + gt[4] * win.x0 + gt[5] * win.y0;
-    gt[0] = ox;
-    gt[3] = oy;
-    out->SetGeoTransform(gt);
-    const auto srs = in->GetSpatialReference();
-    if (srs && in->GetGDALDataset()->GetGCPCount() == 0)
-        out->SetSpatialReference(srs);
-}
-
-// Bytes the output may take, sized on the whole input in band 0's type.
-double RequiredBytes(RasterDataset* in, std::size_t bands)
-{
-    return static_cast<double>(bands) * BytesPerSample(in->GetRasterBand(0)->GetRasterDataType()) *
-           static_cast<double>(in->GetRasterYSize()) * static_cast<double>(in->GetRasterXSize());
+    in.GetGeoTransform(gt);
+    ShiftOrigin(gt, win.x0, win.y0);
+    out.SetGeoTransform(gt);
+    const auto srs = in.GetSpatialReference();
+    if (srs && in.GetGDALDataset()->GetGCPCount() == 0)
+        out.SetSpatialReference(srs);
 }
 
 TypedBuffer<float> NewFloats(std::size_t count)
 {
     if (count > static_cast<std::size_t>(std::numeric_limits<long long>::max()))
         return nullptr;
-    return TypedBuffer<float>(static_cast<float*>(NewTypedBuffer(PDT_Float32, static_cast<long long>(count))));
+    return NewSamples<float>(static_cast<long long>(count));
 }
 
 // a * b * c, or the largest size when that overflows (which no allocator gives).
@@ -117,9 +102,9 @@ std::size_t Product(std::size_t a, std::size_t b, std::size_t c)
 // Rows of every selected band held together, row after row: the runs read and write all bands of
 // a chunk of rows in one call, so a pixel-interleaved file has each of its blocks read or written
 // once, never read back to add the next band.
-class RowBlock {
+class BandRows {
 public:
-    RowBlock(std::size_t rows, std::size_t bands, std::size_t width)
+    BandRows(std::size_t rows, std::size_t bands, std::size_t width)
         : m_rows(rows), m_bands(bands), m_width(width), m_data(NewFloats(Product(rows, bands, width)))
     {
     }
@@ -128,14 +113,14 @@ public:
     float* Row(std::size_t slot, std::size_t band) const { return m_data.get() + (slot * m_bands + band) * m_width; }
 
     // Rows y .. y + rows - 1 of the window's columns into slots from `slot`; GDAL converts to Float32.
-    bool Read(RasterDataset* ds, int x, int y, std::size_t rows, std::size_t slot, const std::vector<int>& bands) const
+    bool Read(RasterDataset* ds, int x, int y, std::size_t rows, std::size_t slot, const BandNumbers& bands) const
     {
         return ds->ReadRasterInto(x, y, static_cast<int>(m_width), static_cast<int>(rows), Row(slot, 0),
                                   static_cast<int>(m_width), static_cast<int>(rows), PDT_Float32,
                                   static_cast<int>(bands.size()), bands.data(), kFloat, LineBytes(), BandBytes());
     }
     // Slots from `slot` to rows y .. y + rows - 1; GDAL converts to the file's type.
-    void Write(RasterDataset* ds, int y, std::size_t rows, std::size_t slot, const std::vector<int>& bands) const
+    void Write(RasterDataset* ds, int y, std::size_t rows, std::size_t slot, const BandNumbers& bands) const
     {
         if (rows == 0)
             return;
@@ -159,24 +144,6 @@ private:
     std::size_t m_rows, m_bands, m_width;
     TypedBuffer<float> m_data;
 };
-
-// 1 .. n, the bands of an output or of the temporary.
-std::vector<int> AllBands(std::size_t n)
-{
-    std::vector<int> bands(n);
-    for (std::size_t b = 0; b < n; ++b)
-        bands[b] = static_cast<int>(b) + 1;
-    return bands;
-}
-
-// The 1-based input bands of a 0-based list.
-std::vector<int> InputBands(const std::vector<int>& list)
-{
-    std::vector<int> bands(list);
-    for (int& b : bands)
-        ++b;
-    return bands;
-}
 
 // Rows of all bands per chunk unless a narrower chunk is asked for: about a megabyte stays in the
 // processor's cache from the read through both passes to the write, which measured fastest, and the
@@ -205,15 +172,17 @@ public:
     TempRaster(const TempRaster&) = delete;
     TempRaster& operator=(const TempRaster&) = delete;
 
-    RasterDataset* Create(int width, int height, int bands)
+    bool Create(int width, int height, int bands)
     {
         const char* options[] = {"BLOCKYSIZE=1", "INTERLEAVE=BAND", nullptr};
         m_ds = DatasetFactory::Instance()->CreateRasterDataset(m_path, width, height, bands, PDT_Float32,
                                                                QStringLiteral("GTiff"),
                                                                const_cast<char**>(options));
         m_created = m_ds != nullptr;
-        return m_ds.get();
+        return m_created;
     }
+    RasterDataset* Get() const { return m_ds.get(); }
+    const QString& Path() const { return m_path; }
 
 private:
     QString m_path;
@@ -223,9 +192,9 @@ private:
 
 // The budget's batch of lines: two Float32 lines, in and out, of the longer side plus the border.
 // Each band's row counts as a line, so a chunk of rows of all bands stays within the budget.
-std::size_t LinesPerChunk(long long budget, const Window& win)
+std::size_t LinesPerChunk(long long budget, const PixelWindow& win)
 {
-    const long long perLine = (4 + 4) * (static_cast<long long>(std::max(win.w, win.h)) + 4);
+    const long long perLine = (4 + 4) * (static_cast<long long>(std::max(win.width, win.height)) + 4);
     return static_cast<std::size_t>(std::max(1LL, budget / perLine));
 }
 
@@ -233,18 +202,23 @@ std::size_t LinesPerChunk(long long budget, const Window& win)
 // reaches its share: mark j of `count` is due once done / total exceeds j / count.
 class ProgressMarks {
 public:
-    ProgressMarks(std::size_t first, std::size_t count) : m_next(first), m_count(count) {}
-    // Calls report(j) for each mark that is due; false as soon as a report returns false.
-    template <class Report>
-    bool Reach(std::size_t done, std::size_t total, Report&& report)
+    ProgressMarks(const ProgressSpan& span, std::size_t first, std::size_t count)
+        : m_span(span), m_next(first), m_count(count)
     {
+    }
+    // Reports each mark that is due, polling after each; false when the run is to stop.
+    bool Reach(std::size_t done, std::size_t total)
+    {
+        if (m_span.Cancelled())
+            return false;
         while (m_next < m_count && static_cast<double>(m_next) * total < static_cast<double>(done) * m_count)
-            if (!report(m_next++))
+            if (!m_span.ReportAndPoll(static_cast<long long>(m_next++), static_cast<long long>(m_count)))
                 return false;
         return true;
     }
 
 private:
+    const ProgressSpan& m_span;
     std::size_t m_next, m_count;
 };
 
@@ -274,7 +248,7 @@ public:
     bool Done() const { return m_read == m_h; }
     std::size_t NextEnd() const { return std::min(m_read + m_chunk, m_h); }
 
-    bool ReadChunk(RasterDataset* in, const Window& win, const std::vector<int>& bands)
+    bool ReadChunk(RasterDataset* in, const PixelWindow& win, const BandNumbers& bands)
     {
         const std::size_t keepFrom = m_next >= 1 ? 2 * m_next - 2 : 0;
         m_rows.MoveToFront(keepFrom - m_base, m_read - keepFrom);
@@ -291,7 +265,7 @@ public:
     }
 
     // Every output row pair the rows read so far complete, all bands per write.
-    void WriteReadyRows(RasterDataset* out, const std::vector<int>& bands)
+    void WriteReadyRows(RasterDataset* out, const BandNumbers& bands)
     {
         const std::size_t end = Done() ? (m_h + 1) / 2 : (m_read >= 4 ? (m_read - 4) / 2 + 1 : 0);
         if (end > 0 && m_next == 0)
@@ -328,7 +302,7 @@ private:
     }
 
     std::size_t m_w, m_h, m_bands, m_chunk;
-    RowBlock m_rows, m_low, m_high, m_border;
+    BandRows m_rows, m_low, m_high, m_border;
     TypedBuffer<float> m_zeros, m_scratch;
     std::size_t m_read = 0; // rows read and row-passed
     std::size_t m_base = 0; // the row in slot 0 of m_rows
@@ -351,8 +325,8 @@ public:
     std::size_t NextRowsEnd() const { return std::min(2 * std::min(m_next + m_pairs, NHigh()), m_h); }
 
     // Reads the next chunk of pairs from `in` and writes its rows into `temp`.
-    void Step(RasterDataset* in, const Window& win, const std::vector<int>& inBands, RasterDataset* temp,
-              const std::vector<int>& tempBands)
+    void Step(RasterDataset* in, const PixelWindow& win, const BandNumbers& inBands, RasterDataset* temp,
+              const BandNumbers& tempBands)
     {
         const std::size_t k0 = m_next, k1 = std::min(k0 + m_pairs, NHigh());
         // Slot s of m_low holds L[k0 - 1 + s], slot s of m_high H[k0 + s].
@@ -384,8 +358,8 @@ private:
     std::size_t NLow() const { return m_h / 2; }        // low-pass rows stored
     std::size_t NHigh() const { return (m_h + 1) / 2; } // high-pass rows stored
 
-    static void ReadStored(RasterDataset* in, const Window& win, const std::vector<int>& bands,
-                           const RowBlock& block, std::size_t row, std::size_t slot, std::size_t rows)
+    static void ReadStored(RasterDataset* in, const PixelWindow& win, const BandNumbers& bands,
+                           const BandRows& block, std::size_t row, std::size_t slot, std::size_t rows)
     {
         // Read failures leave the rows as they are, as the whole-band run always did.
         if (rows > 0)
@@ -405,12 +379,21 @@ private:
     }
 
     std::size_t m_w, m_h, m_bands, m_pairs;
-    RowBlock m_low, m_high, m_out;
+    BandRows m_low, m_high, m_out;
     std::size_t m_next = 0; // the next pair of output rows
 };
 
 } // namespace
 
+// What the inverse's set-up hands to its passes. The temporary goes last, after every handle.
+struct WaveletTransformFunc::InverseSetup {
+    explicit InverseSetup(QString path) : temp(std::move(path)), tempPath(temp.Path()) {}
+    TempRaster temp;
+    QString tempPath;
+    RasterPtr in, out;
+    PixelWindow win;
+    BandNumbers inBands;
+};
 
 bool WaveletTransformFunc::Forward(const QString& input, const QString& output, const QString& format,
                                    const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,
@@ -420,33 +403,27 @@ bool WaveletTransformFunc::Forward(const QString& input, const QString& output, 
     RasterPtr in = OpenInputRaster(input);
     if (!in)
         return Fail(kForwardOpenContext, "Failed to open the input file!");
-    Window win;
-    std::vector<int> list;
+    PixelWindow win;
+    BandIndices list;
     if (!ResolveWindow(in->GetRasterXSize(), in->GetRasterYSize(), firstCol, lastCol, firstRow, lastRow, win) ||
         !ResolveBands(bands, bandCount, in->GetBandCount(), list))
         return false;
-    if (!EnoughFreeSpace(output, RequiredBytes(in.get(), list.size())))
+    if (!EnoughFreeSpace(output, OutputBytesEstimate(*in, static_cast<long long>(list.size()))))
         return Fail(kContext, "Low Disk Space!");
-    RasterPtr out = CreateOutput(output, win.w, win.h, static_cast<int>(list.size()), PDT_Float32, format);
+    const int n = static_cast<int>(list.size());
+    RasterPtr out = CreateOutput(output, win.width, win.height, n, PDT_Float32, format);
     if (!out)
         return Fail(kContext, "OutFile Creat Fail!");
-    PlaceOnInput(in.get(), out.get(), win);
+    PlaceOnInput(*in, *out, win);
 
-    const std::size_t n = list.size();
-    ForwardStream stream(win.w, win.h, n, m_rowsPerChunk ? m_rowsPerChunk : DefaultRowsPerChunk(n, win.w));
+    ForwardStream stream(win.width, win.height, n, m_rowsPerChunk ? m_rowsPerChunk : DefaultRowsPerChunk(n, win.width));
     if (!stream.Prepare())
         return Fail(kContext, "Apply memory Fail!");
-
-    const QString message = Tr(kContext, kForwardMessage);
-    const double units = 2.0 * n;
-    ProgressMarks marks(0, 2 * n);
-    const auto report = [&](std::size_t mark) {
-        Progress(100.0 * mark / units, message);
-        return !Cancelled();
-    };
-    const std::vector<int> inBands = InputBands(list), outBands = AllBands(n);
+    const ProgressSpan progress(Context(), Tr(kContext, kForwardMessage));
+    ProgressMarks marks(progress, 0, 2 * n);
+    const BandNumbers inBands = ToBandNumbers(list), outBands = AllBandNumbers(n);
     while (!stream.Done()) {
-        if (Cancelled() || !marks.Reach(stream.NextEnd(), win.h, report))
+        if (!marks.Reach(stream.NextEnd(), win.height))
             return LeaveCancelled();
         if (!stream.ReadChunk(in.get(), win, inBands))
             return Fail(kContext, "Convert Data Fail!");
@@ -455,79 +432,83 @@ bool WaveletTransformFunc::Forward(const QString& input, const QString& output, 
     return true;
 }
 
-bool WaveletTransformFunc::Inverse(const QString& input, const QString& output, const QString& format,
-                                   int pixelType, const int* bands, int bandCount, int firstCol, int lastCol,
-                                   int firstRow, int lastRow, long long memoryBudget)
+// The inverse's set-up, in the order its reports and failures have always come.
+bool WaveletTransformFunc::PrepareInverse(const QString& input, const QString& output, const QString& format,
+                                          int pixelType, const int* bands, int bandCount, int firstCol, int lastCol,
+                                          int firstRow, int lastRow, InverseSetup& setup)
 {
     CopySideFile(input, output);
     // The first three reports carry the forward wording on purpose, as hosts have always shown them.
     const QString forwardMessage = Tr(kContext, kForwardMessage);
     Progress(1, forwardMessage);
-    RasterPtr in = OpenInputRaster(input);
-    if (!in)
+    setup.in = OpenInputRaster(input);
+    if (!setup.in)
         return Fail(kContext, "Failed to open the input file!");
-    Window win;
-    std::vector<int> list;
-    if (!ResolveWindow(in->GetRasterXSize(), in->GetRasterYSize(), firstCol, lastCol, firstRow, lastRow, win) ||
-        !ResolveBands(bands, bandCount, in->GetBandCount(), list))
+    RasterDataset& in = *setup.in;
+    BandIndices list;
+    if (!ResolveWindow(in.GetRasterXSize(), in.GetRasterYSize(), firstCol, lastCol, firstRow, lastRow, setup.win) ||
+        !ResolveBands(bands, bandCount, in.GetBandCount(), list))
         return false;
-    if (in->GetRasterBand(0)->GetRasterDataType() != PDT_Float32)
+    if (in.GetRasterBand(0)->GetRasterDataType() != PDT_Float32)
         return Fail(kContext, "Datatype Error!");
-    if (!EnoughFreeSpace(output, RequiredBytes(in.get(), list.size())))
+    if (!EnoughFreeSpace(output, OutputBytesEstimate(in, static_cast<long long>(list.size()))))
         return Fail(kContext, "Low Disk Space!");
     Progress(2, forwardMessage);
 
-    const int outBands = static_cast<int>(list.size());
-    const QString tempPath = WaveletTempPath(output);
+    const int n = static_cast<int>(list.size());
     // A temporary named like the input would overwrite it.
-    if (pixelType < PDT_Byte || pixelType > PDT_Float64 || SameFile(tempPath, input))
+    if (pixelType < PDT_Byte || pixelType > PDT_Float64 || SameFile(setup.tempPath, input))
         return Fail(kContext, "OutFile Creat Fail!");
-    RasterPtr out = CreateOutput(output, win.w, win.h, outBands, pixelType, format);
-    if (!out)
-        return Fail(kContext, "OutFile Creat Fail!");
-    TempRaster tempFile(tempPath);
-    RasterDataset* temp = tempFile.Create(win.w, win.h, outBands);
-    if (!temp)
+    setup.out = CreateOutput(output, setup.win.width, setup.win.height, n, pixelType, format);
+    if (!setup.out || !setup.temp.Create(setup.win.width, setup.win.height, n))
         return Fail(kContext, "OutFile Creat Fail!");
     Progress(3, forwardMessage);
-    PlaceOnInput(in.get(), out.get(), win);
-    PlaceOnInput(in.get(), temp, win);
+    PlaceOnInput(in, *setup.out, setup.win);
+    PlaceOnInput(in, *setup.temp.Get(), setup.win);
+    setup.inBands = ToBandNumbers(list);
+    return true;
+}
 
-    const QString message = Tr(kContext, kInverseMessage);
-    Progress(5, message);
-    const std::size_t w = win.w, h = win.h, n = list.size();
+bool WaveletTransformFunc::Inverse(const QString& input, const QString& output, const QString& format,
+                                   int pixelType, const int* bands, int bandCount, int firstCol, int lastCol,
+                                   int firstRow, int lastRow, long long memoryBudget)
+{
+    InverseSetup setup(WaveletTempPath(output));
+    if (!PrepareInverse(input, output, format, pixelType, bands, bandCount, firstCol, lastCol, firstRow, lastRow,
+                        setup))
+        return false;
+    const ProgressSpan progress(Context(), Tr(kContext, kInverseMessage), 5, 100);
+    progress.ReportPercent(5);
+    const PixelWindow& win = setup.win;
+    const std::size_t w = win.width, h = win.height, n = setup.inBands.size();
     const std::size_t rows = std::min(std::max<std::size_t>(1, LinesPerChunk(memoryBudget, win) / n),
                                       m_rowsPerChunk ? m_rowsPerChunk : DefaultRowsPerChunk(n, w));
     const std::size_t pairs = std::max<std::size_t>(1, rows / 2);
     ColumnSynthesisStream columns(w, h, n, pairs);
-    RowBlock chunk(2 * pairs, n, w);
+    BandRows chunk(2 * pairs, n, w);
     TypedBuffer<float> scratch = NewFloats(WaveletKernel::LineScratchSize(w));
     if (!columns.Allocated() || !chunk || !scratch)
         return Fail(kContext, "Apply memory Fail!");
 
     // Mark 0 was the 5 above; the column pass is the first half of the work, the row pass the second.
-    const double units = 2.0 * n;
-    ProgressMarks marks(1, 2 * n);
-    const auto report = [&](std::size_t mark) {
-        Progress(5.0 + 95.0 * mark / units, message);
-        return !Cancelled();
-    };
-    const std::vector<int> inBands = InputBands(list), tempBands = AllBands(n);
+    ProgressMarks marks(progress, 1, 2 * n);
+    RasterDataset* temp = setup.temp.Get();
+    const BandNumbers tempBands = AllBandNumbers(static_cast<int>(n));
     while (!columns.Done()) {
-        if (Cancelled() || !marks.Reach(columns.NextRowsEnd(), 2 * h, report))
+        if (!marks.Reach(columns.NextRowsEnd(), 2 * h))
             return LeaveCancelled();
-        columns.Step(in.get(), win, inBands, temp, tempBands);
+        columns.Step(setup.in.get(), win, setup.inBands, temp, tempBands);
     }
     // Whole rows back from the temporary; GDAL rounds and clamps into the output's type.
     for (std::size_t r0 = 0; r0 < h; r0 += chunk.Rows()) {
         const std::size_t nr = std::min(chunk.Rows(), h - r0);
-        if (Cancelled() || !marks.Reach(h + r0 + nr, 2 * h, report))
+        if (!marks.Reach(h + r0 + nr, 2 * h))
             return LeaveCancelled();
         chunk.Read(temp, 0, static_cast<int>(r0), nr, 0, tempBands);
         for (std::size_t s = 0; s < nr; ++s)
             for (std::size_t b = 0; b < n; ++b)
                 WaveletKernel::InverseLine(chunk.Row(s, b), chunk.Row(s, b), w, scratch.get());
-        chunk.Write(out.get(), static_cast<int>(r0), nr, 0, tempBands);
+        chunk.Write(setup.out.get(), static_cast<int>(r0), nr, 0, tempBands);
     }
     return true;
 }

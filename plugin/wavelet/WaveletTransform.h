@@ -23,6 +23,11 @@ public:
     void SetRowsPerChunk(std::size_t rows) { m_rowsPerChunk = rows; }
 
 private:
+    struct InverseSetup;
+    bool PrepareInverse(const QString& input, const QString& output, const QString& format, int pixelType,
+                        const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow,
+                        InverseSetup& setup);
+
     std::size_t m_rowsPerChunk = 0;
 };
 

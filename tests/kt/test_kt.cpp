@@ -311,7 +311,7 @@ TEST(Failures, InvalidWindowTouchesNothing)
 {
     TempDir dir;
     TavTransformFunc algo;
-    KTTransformFunc worker(&algo);
+    KTTransformFunc worker(algo.Context());
     EXPECT_FALSE(worker.Run(dir.qfile("missing.tif"), dir.qfile("o.tif"), "GTiff", 0, 3, 1, 0, 5));
     int code = 0;
     QString text;
@@ -327,7 +327,7 @@ TEST(Window, InclusiveWindowShiftsOriginToItsCorner)
     TempDir dir;
     const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0], 7, 5);
     TavTransformFunc algo;
-    KTTransformFunc worker(&algo);
+    KTTransformFunc worker(algo.Context());
     ASSERT_TRUE(worker.Run(QString::fromStdString(s.path), dir.qfile("w.tif"), "GTiff", 2, 2, 4, 1, 3));
     const auto info = tavtest::Info(dir.file("w.tif"));
     EXPECT_EQ(info.width, 3);

@@ -1,6 +1,6 @@
 #pragma once
 // Runs the algorithm object the way a host does: a record in the holder, a slot on the signal.
-#include "frame/TavTransformFunc.h"
+#include "TavTransformFunc.h"
 #include "frame/stTransInfo.h"
 
 #include <QString>

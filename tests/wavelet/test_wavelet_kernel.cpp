@@ -15,7 +15,6 @@
 
 namespace {
 
-using WaveletKernel::ColumnScratchSize;
 using WaveletKernel::LineScratchSize;
 using WaveletKernel::PerColumnScratchSize;
 using namespace wavelettest;
@@ -75,21 +74,22 @@ std::vector<float> InverseLine(const std::vector<float>& y)
     return x;
 }
 
-// The forward raster order: rows in place, then the batched column pass.
+// Whole images through the line transform: rows in place, then the column-at-a-time reference.
 std::vector<float> ForwardImage(std::vector<float> img, std::size_t w, std::size_t h)
 {
-    std::vector<float> rowScratch(LineScratchSize(w)), colScratch(ColumnScratchSize(w)), out(w * h);
-    WaveletKernel::ForwardRows(img.data(), img.data(), w, h, rowScratch.data());
-    WaveletKernel::ForwardColumns(img.data(), out.data(), w, h, colScratch.data());
+    std::vector<float> scratch(std::max(LineScratchSize(w), PerColumnScratchSize(h))), out(w * h);
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::ForwardLine(&img[r * w], &img[r * w], w, scratch.data());
+    WaveletKernel::ForwardColumnsPerColumn(img.data(), out.data(), w, h, scratch.data());
     return out;
 }
 
-// The inverse raster order: columns into a second image, then rows in place.
 std::vector<float> InverseImage(const std::vector<float>& img, std::size_t w, std::size_t h)
 {
-    std::vector<float> rowScratch(LineScratchSize(w)), colScratch(ColumnScratchSize(w)), out(w * h);
-    WaveletKernel::InverseColumns(img.data(), out.data(), w, h, colScratch.data());
-    WaveletKernel::InverseRows(out.data(), out.data(), w, h, rowScratch.data());
+    std::vector<float> scratch(std::max(LineScratchSize(w), PerColumnScratchSize(h))), out(w * h);
+    WaveletKernel::InverseColumnsPerColumn(img.data(), out.data(), w, h, scratch.data());
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::InverseLine(&out[r * w], &out[r * w], w, scratch.data());
     return out;
 }
 
@@ -209,40 +209,6 @@ INSTANTIATE_TEST_SUITE_P(EvenSizes, ConstantBand,
                          ::testing::Values(Shape{2, 2}, Shape{4, 6}, Shape{8, 8}, Shape{16, 10}, Shape{30, 4}),
                          [](const auto& info) { return ShapeName(info.param); });
 
-// --- Batched column passes against the column-at-a-time path ----------------------------------
-
-class BatchedColumns : public ::testing::TestWithParam<Shape> {};
-
-// Protects the batching: widths below, at and across the batch size give the same bits.
-TEST_P(BatchedColumns, ForwardEqualsPerColumnPathBitForBit)
-{
-    const auto [w, h] = GetParam();
-    const auto img = RandomImage(w * h, -3000.0f, 3000.0f, unsigned(w * 31 + h));
-    std::vector<float> batched(w * h), plain(w * h);
-    std::vector<float> colScratch(ColumnScratchSize(w)), plainScratch(PerColumnScratchSize(h));
-    WaveletKernel::ForwardColumns(img.data(), batched.data(), w, h, colScratch.data());
-    WaveletKernel::ForwardColumnsPerColumn(img.data(), plain.data(), w, h, plainScratch.data());
-    EXPECT_EQ(Bits(batched), Bits(plain));
-}
-
-TEST_P(BatchedColumns, InverseEqualsPerColumnPathBitForBit)
-{
-    const auto [w, h] = GetParam();
-    const auto img = RandomImage(w * h, -3000.0f, 3000.0f, unsigned(w * 17 + h));
-    std::vector<float> batched(w * h), plain(w * h);
-    std::vector<float> colScratch(ColumnScratchSize(w)), plainScratch(PerColumnScratchSize(h));
-    WaveletKernel::InverseColumns(img.data(), batched.data(), w, h, colScratch.data());
-    WaveletKernel::InverseColumnsPerColumn(img.data(), plain.data(), w, h, plainScratch.data());
-    EXPECT_EQ(Bits(batched), Bits(plain));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    AcrossBatchSizes, BatchedColumns,
-    ::testing::Values(Shape{1, 1}, Shape{3, 5}, Shape{5, 1}, Shape{1, 6}, Shape{17, 2},
-                      Shape{WaveletKernel::kColumnBatch, 4}, Shape{WaveletKernel::kColumnBatch + 1, 9},
-                      Shape{2 * WaveletKernel::kColumnBatch + 37, 33}, Shape{600, 16}),
-    [](const auto& info) { return ShapeName(info.param); });
-
 // --- Round trips -----------------------------------------------------------------------------
 
 class LineRoundTrip : public ::testing::TestWithParam<std::size_t> {};
@@ -289,19 +255,17 @@ INSTANTIATE_TEST_SUITE_P(
                       RoundTripCase{{129, 130}, 0, 4095}, RoundTripCase{{300, 257}, 0, 255}),
     [](const auto& info) { return ShapeName(info.param.shape); });
 
-// Rows may be transformed in place: the raster runs reuse one buffer.
-TEST(WaveletRows, InPlaceEqualsOutOfPlace)
+// Lines may be transformed in place: the raster runs reuse one buffer.
+TEST(WaveletLines, InPlaceEqualsOutOfPlace)
 {
-    const std::size_t w = 13, h = 6;
-    const auto img = RandomImage(w * h, -10, 10, 5);
-    std::vector<float> scratch(LineScratchSize(w)), out(w * h), inPlace = img;
-    WaveletKernel::ForwardRows(img.data(), out.data(), w, h, scratch.data());
-    WaveletKernel::ForwardRows(inPlace.data(), inPlace.data(), w, h, scratch.data());
-    EXPECT_EQ(Bits(inPlace), Bits(out));
-    WaveletKernel::InverseRows(img.data(), out.data(), w, h, scratch.data());
-    inPlace = img;
-    WaveletKernel::InverseRows(inPlace.data(), inPlace.data(), w, h, scratch.data());
-    EXPECT_EQ(Bits(inPlace), Bits(out));
+    const std::size_t n = 13;
+    const auto line = RandomImage(n, -10, 10, 5);
+    std::vector<float> scratch(LineScratchSize(n)), inPlace = line;
+    WaveletKernel::ForwardLine(inPlace.data(), inPlace.data(), n, scratch.data());
+    EXPECT_EQ(Bits(inPlace), Bits(ForwardLine(line)));
+    inPlace = line;
+    WaveletKernel::InverseLine(inPlace.data(), inPlace.data(), n, scratch.data());
+    EXPECT_EQ(Bits(inPlace), Bits(InverseLine(line)));
 }
 
 }  // namespace

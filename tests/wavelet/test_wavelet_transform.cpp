@@ -353,7 +353,7 @@ TEST(InverseOutputType, IntegerTypesRoundAndClampTheRebuiltValues)
     };
     for (const Case c : {Case{1, 0, 255}, Case{3, -32768, 32767}, Case{5, -2147483648.0, 2147483647.0}}) {
         TavTransformFunc algo;
-        WaveletTransformFunc worker(&algo);
+        WaveletTransformFunc worker(algo.Context());
         const std::string out = dir.file(std::to_string(c.code) + ".tif");
         ASSERT_TRUE(Inverse(worker, dwt, out, c.code));
         const auto back = tavtest::ReadBand(out, 1);
@@ -375,22 +375,24 @@ std::vector<std::uint32_t> Bits(const std::vector<double>& v)
     return bits;
 }
 
-// What the runs compute band by band, whole: rows then columns, and back.
+// What the runs compute band by band, whole: rows then the column-at-a-time reference, and back.
 std::vector<double> WholeBandForward(const std::vector<double>& band, std::size_t w, std::size_t h)
 {
     std::vector<float> in(band.begin(), band.end()), out(band.size());
-    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::ColumnScratchSize(w)));
-    WaveletKernel::ForwardRows(in.data(), in.data(), w, h, scratch.data());
-    WaveletKernel::ForwardColumns(in.data(), out.data(), w, h, scratch.data());
+    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::PerColumnScratchSize(h)));
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::ForwardLine(&in[r * w], &in[r * w], w, scratch.data());
+    WaveletKernel::ForwardColumnsPerColumn(in.data(), out.data(), w, h, scratch.data());
     return {out.begin(), out.end()};
 }
 
 std::vector<double> WholeBandInverse(const std::vector<double>& band, std::size_t w, std::size_t h)
 {
     std::vector<float> in(band.begin(), band.end()), out(band.size());
-    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::ColumnScratchSize(w)));
-    WaveletKernel::InverseColumns(in.data(), out.data(), w, h, scratch.data());
-    WaveletKernel::InverseRows(out.data(), out.data(), w, h, scratch.data());
+    std::vector<float> scratch(std::max(WaveletKernel::LineScratchSize(w), WaveletKernel::PerColumnScratchSize(h)));
+    WaveletKernel::InverseColumnsPerColumn(in.data(), out.data(), w, h, scratch.data());
+    for (std::size_t r = 0; r < h; ++r)
+        WaveletKernel::InverseLine(&out[r * w], &out[r * w], w, scratch.data());
     return {out.begin(), out.end()};
 }
 
@@ -415,7 +417,7 @@ TEST_P(StreamedRuns, ForwardEqualsWholeBandPassesBitForBit)
     const Scene s = MakeScene(dir, "in.tif", shape);
     NoBlockCache noCache;
     AlgoHarness h;
-    WaveletTransformFunc worker(&h.algo());
+    WaveletTransformFunc worker(h.algo().Context());
     worker.SetRowsPerChunk(rows);
     ASSERT_TRUE(Forward(worker, s.path, dir.file("dwt.tif")));
     for (int b = 0; b < shape.bands; ++b)
@@ -434,7 +436,7 @@ TEST_P(StreamedRuns, InverseEqualsWholeBandPassesBitForBit)
     const std::string dwt = Dwt(dir, MakeScene(dir, "in.tif", shape).path);
     NoBlockCache noCache;
     AlgoHarness h;
-    WaveletTransformFunc worker(&h.algo());
+    WaveletTransformFunc worker(h.algo().Context());
     const long long budget = rows ? 8LL * (std::max(shape.w, shape.h) + 4) * rows * shape.bands : kBudget;
     ASSERT_TRUE(Inverse(worker, dwt, dir.file("back.tif"), 6, budget));
     for (int b = 0; b < shape.bands; ++b)
@@ -473,7 +475,7 @@ TEST(Window, ZeroBasedBandsOfTheWindowStreamWithTheOriginMovedToIt)
     GDALClose(ds);
     const int bands[] = {2, 0};
     TavTransformFunc algo;
-    WaveletTransformFunc worker(&algo);
+    WaveletTransformFunc worker(algo.Context());
     worker.SetRowsPerChunk(3);
     ASSERT_TRUE(worker.Forward(Q(s.path), dir.qfile("win.tif"), "GTiff", bands, 2, 3, 11, 2, 14));
     const auto info = tavtest::Info(dir.file("win.tif"));
@@ -499,7 +501,7 @@ TEST(Window, NegativeFirstColumnOrRowMeansTheWholeImage)
     TempDir dir;
     const Scene s = MakeScene(dir, "in.tif", {6, 5, 1}, kTypes[0]);
     TavTransformFunc algo;
-    WaveletTransformFunc worker(&algo);
+    WaveletTransformFunc worker(algo.Context());
     for (const auto& w : {std::array{-1, 2, 0, 1}, std::array{1, 3, -1, 2}}) {
         ASSERT_TRUE(worker.Forward(Q(s.path), dir.qfile("w.tif"), "GTiff", nullptr, 0, w[0], w[1], w[2], w[3]));
         const auto info = tavtest::Info(dir.file("w.tif"));
@@ -515,7 +517,7 @@ TEST(BandList, MoreBandsListedThanPresentFailWithoutTextOrOutput)
     const int bands[] = {0, 1, 0};
     for (bool forward : {true, false}) {
         TavTransformFunc algo;
-        WaveletTransformFunc worker(&algo);
+        WaveletTransformFunc worker(algo.Context());
         const QString in = Q(s.path), out = dir.qfile("o.tif");
         EXPECT_FALSE(forward ? worker.Forward(in, out, "GTiff", bands, 3, -1, -1, -1, -1)
                              : worker.Inverse(in, out, "GTiff", 6, bands, 3, -1, -1, -1, -1, kBudget))
@@ -532,7 +534,7 @@ TEST(InverseFailure, ByteInputIsRefusedBeforeAnyOutputExists)
     TempDir dir;
     const Scene s = MakeScene(dir, "byte.tif", {6, 4, 2}, kTypes[0]);
     TavTransformFunc algo;
-    WaveletTransformFunc worker(&algo);
+    WaveletTransformFunc worker(algo.Context());
     EXPECT_FALSE(Inverse(worker, s.path, dir.file("back.tif")));
     EXPECT_EQ(worker.ErrorText(), QString("Datatype Error!"));
     EXPECT_FALSE(Exists(dir.file("back.tif")));
@@ -545,7 +547,7 @@ TEST(InverseFailure, TemporaryNamedLikeTheInputIsRefusedAndTheInputKept)
     const Scene s = MakeScene(dir, "x_temp.tif", {4, 4, 1});
     const std::string before = Slurp(s.path);
     TavTransformFunc algo;
-    WaveletTransformFunc worker(&algo);
+    WaveletTransformFunc worker(algo.Context());
     EXPECT_FALSE(Inverse(worker, s.path, dir.file("x.tif")));
     EXPECT_EQ(worker.ErrorText(), QString("OutFile Creat Fail!"));
     EXPECT_EQ(Slurp(s.path), before);
@@ -650,7 +652,7 @@ TEST(DiskSpace, RelativeOutputNeedsItsBytesPlus100MiBFreeAndAbsoluteIsNotChecked
         const Scene s = MakeScene(dir, "in.tif", {16, 8, 3}, TypeRange{forward ? GDT_Int16 : GDT_Float32, -100, 100});
         InFolder here(dir.path());
         TavTransformFunc algo;
-        WaveletTransformFunc worker(&algo);
+        WaveletTransformFunc worker(algo.Context());
         const auto run = [&](unsigned long long free, const std::string& out) {
             FakeFreeSpace fake(free);
             return forward ? worker.Forward(Q(s.path), Q(out), "GTiff", nullptr, 0, 1, 4, 2, 5)
@@ -722,7 +724,7 @@ TEST(Temporary, HoldsTheColumnsBetweenThePassesAndTheWorkerRemovesItOnSuccessAnd
     AlgoHarness h;
     std::vector<bool> seen;
     h.onProgress = [&](double) { seen.push_back(Exists(dir.file("back_temp.tif"))); };
-    WaveletTransformFunc worker(&h.algo());
+    WaveletTransformFunc worker(h.algo().Context());
     ASSERT_TRUE(Inverse(worker, dwt, dir.file("back.tif")));
     // Reports 1, 2, 3, 5, then the marks of both passes: the temporary exists from 3 on.
     EXPECT_EQ(seen, (std::vector<bool>{false, false, true, true, true, true, true}));
@@ -733,7 +735,7 @@ TEST(Temporary, HoldsTheColumnsBetweenThePassesAndTheWorkerRemovesItOnSuccessAnd
         if (p > 5)
             h.algo().Terminate();
     };
-    WaveletTransformFunc cancelled(&h.algo());
+    WaveletTransformFunc cancelled(h.algo().Context());
     EXPECT_FALSE(Inverse(cancelled, dwt, dir.file("back.tif")));
     EXPECT_FALSE(Exists(dir.file("back_temp.tif")));
 }

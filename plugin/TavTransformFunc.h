@@ -1,5 +1,6 @@
 #pragma once
 #include "OrvAlgo/IOrvAlgo.h"
+#include "frame/RunContext.h"
 
 #include <atomic>
 #include <cstdint>
@@ -7,6 +8,7 @@
 #include <vector>
 
 class CPCAEngine;
+struct stTransInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
 // clean-up rules after a failure or a cancellation.
@@ -18,19 +20,25 @@ public:
     bool Execute() override;
     void Terminate() override;
 
-    // Polled by the workers; written only by Terminate, read without ordering on purpose.
-    bool CancelRequested() const { return m_nCancel.load(std::memory_order_relaxed) == 1; }
-    void Report(double percent, const QString& message);
+    bool CancelRequested() const { return m_context.CancelRequested(); }
+    // What the workers see of this object.
+    const RunContext& Context() const { return m_context; }
 
 private:
     bool ExecuteTransInfo();
     bool ExecuteForwardPCA();
     bool ExecuteInversePCA();
+    bool RunMnf(const stTransInfo& info);
+    bool RunFourier(const stTransInfo& info);
+    bool RunWavelet(const stTransInfo& info);
+    bool RunTasseledCap(const stTransInfo& info);
+    void Report(double percent) { m_context.Report(percent, QString()); }
 
     std::atomic<int32_t> m_nCancel{0};
     CPCAEngine* m_pPCAEngine = nullptr;
     // Engines an inverse run replaced: left alone as the run requires, freed with this object.
     std::vector<std::unique_ptr<CPCAEngine>> m_replacedEngines;
+    RunContext m_context{*this, m_nCancel};
 };
 
 extern "C" __attribute__((visibility("default"))) OrvAlgo::IOrvAlgo* GetAlgoObj();

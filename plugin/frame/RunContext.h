@@ -1,0 +1,29 @@
+#pragma once
+#include "OrvAlgo/IOrvAlgo.h"
+
+#include <QString>
+#include <atomic>
+#include <boost/any.hpp>
+#include <cstdint>
+
+// What a worker may touch of the algorithm object: progress, the cancel flag, the error
+// information and the parameter holder. The algorithm object owns one for its whole life.
+class RunContext {
+public:
+    RunContext(OrvAlgo::IOrvAlgo& algo, const std::atomic<int32_t>& cancel) : m_algo(algo), m_cancel(cancel) {}
+    RunContext(const RunContext&) = delete;
+    RunContext& operator=(const RunContext&) = delete;
+
+    // Every report names the algorithm object as its context.
+    void Report(double percent, const QString& message) const;
+    // Written only by Terminate from another thread; read without ordering on purpose.
+    bool CancelRequested() const { return m_cancel.load(std::memory_order_relaxed) == 1; }
+    void SetErrorInfo(int code, const QString& text) const { m_algo.SetErrorInfo(code, text); }
+    int ErrorCode() const;
+    boost::any Params() const { return m_algo.GetParams(); }
+    void SetParams(const boost::any& params) const { m_algo.SetParams(params); }
+
+private:
+    OrvAlgo::IOrvAlgo& m_algo;
+    const std::atomic<int32_t>& m_cancel;
+};

@@ -1,0 +1,86 @@
+#include "frame/RunSteps.h"
+#include "frame/RasterAccess.h"
+
+#include "OrvDataSource/DatasetFactory.h"
+
+using namespace OrvDataSource;
+
+double ProgressSpan::PercentAt(long long done, long long total) const
+{
+    switch (m_math) {
+    case ProgressMath::Single: {
+        const float share = static_cast<float>(done) / static_cast<float>(total) * static_cast<float>(m_to - m_from);
+        return m_from == 0 ? share : static_cast<float>(m_from) + share;
+    }
+    case ProgressMath::Integer:
+        return static_cast<double>(static_cast<long long>(m_from) +
+                                   static_cast<long long>(m_to - m_from) * done / total);
+    case ProgressMath::Double:
+    default:
+        return m_from + (m_to - m_from) * static_cast<double>(done) / static_cast<double>(total);
+    }
+}
+
+long long RowsWithin(long long samples, long long width, long long bands)
+{
+    if (width <= 0 || bands <= 0 || samples <= 0)
+        return 0;
+    return samples / width / bands;
+}
+
+BandNumbers AllBandNumbers(int count)
+{
+    BandNumbers bands;
+    for (int b = 1; b <= count; ++b)
+        bands.push_back(b);
+    return bands;
+}
+
+BandIndices AllBandIndices(int count)
+{
+    BandIndices bands;
+    for (int b = 0; b < count; ++b)
+        bands.push_back(b);
+    return bands;
+}
+
+BandNumbers ToBandNumbers(const BandIndices& indices)
+{
+    BandNumbers bands(indices);
+    for (int& b : bands)
+        ++b;
+    return bands;
+}
+
+void ShiftOrigin(double gt[6], double dx, double dy)
+{
+    const double ox = gt[0] + dx * gt[1] + dy * gt[2];
+    const double oy = gt[3] + dx * gt[4] + dy * gt[5];
+    gt[0] = ox;
+    gt[3] = oy;
+}
+
+void CopyGeoTransform(RasterDataset& in, RasterDataset& out)
+{
+    double gt[6];
+    in.GetGeoTransform(gt);
+    out.SetGeoTransform(gt);
+}
+
+void CopySpatialReference(RasterDataset& in, RasterDataset& out)
+{
+    if (auto srs = in.GetSpatialReference())
+        out.SetSpatialReference(srs);
+}
+
+void CopyRpcIfPresent(RasterDataset& in, RasterDataset& out)
+{
+    if (in.GetMetadata("RPC"))
+        DatasetFactory::CopyRPCFile(&in, &out);
+}
+
+double OutputBytesEstimate(RasterDataset& in, long long bands)
+{
+    return static_cast<double>(bands) * BytesPerSample(in.GetRasterBand(0)->GetRasterDataType()) *
+           static_cast<double>(in.GetRasterYSize()) * static_cast<double>(in.GetRasterXSize());
+}
