@@ -1,6 +1,7 @@
 // tavtransform: parses a command line into a parameter record, loads the plug-in the way a host
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "CommandLine.h"
+#include "PcaStatsCheck.h"
 #include "TermProgress.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
@@ -212,6 +213,10 @@ int main(int argc, char** argv)
         return kUsage;
     case ParseResult::Run:
         break;
+    }
+    if (const std::string problem = PcaStatsProblem(parsed.request); !problem.empty()) {
+        std::fprintf(stderr, "tavtransform: %s\n", problem.c_str());
+        return kUsage;
     }
     return Run(parsed.request);
 }

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <fstream>
+#include <sys/wait.h>
 
 using namespace tavtest;
 
@@ -245,4 +246,34 @@ TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
         EXPECT_EQ(f.Code(), 1);
         EXPECT_EQ(f.Text(), QString(text));
     }
+}
+
+// The command line: the eigenvalue table of a statistics-only run, and pca-inverse refusing a
+// statistics file whose size does not fit its band count, naming both sizes.
+TEST(PcaCommandLine, EigenTableAndStatisticsSizeCheck)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif"), stats = dir.file("s.sta");
+    WriteRaster(in, Shape(6, 5, 3), [](int b, int x, int y) { return Pixel(b, x, y); });
+    const std::string cli = std::string(TAV_BIN_DIR) + "/tavtransform";
+    auto run = [&](const std::string& args) {
+        const int raw = std::system((cli + " " + args + " >" + dir.file("out.txt") + " 2>&1").c_str());
+        std::ifstream f(dir.file("out.txt"));
+        return std::make_pair(WEXITSTATUS(raw), std::string(std::istreambuf_iterator<char>(f), {}));
+    };
+    auto [status, text] = run("pca -q -stats-only -stats " + stats + " " + in);
+    ASSERT_EQ(status, 0) << text;
+    const std::vector<double> file = ReadDoubles(stats);
+    char row[64];
+    std::snprintf(row, sizeof row, "%16.6f", file[1 + 3 + 18]);
+    EXPECT_NE(text.find(std::string("1          ") + row), std::string::npos) << text;
+    EXPECT_NE(text.find("100.0000\n"), std::string::npos) << text;
+
+    ASSERT_EQ(run("pca -q -stats " + stats + " " + in + " " + dir.file("pc.tif")).first, 0);
+    WriteDoubles(stats, std::vector<double>(file.begin(), file.end() - 1));
+    std::tie(status, text) = run("pca-inverse -q -stats " + stats + " " + dir.file("pc.tif") + " " + dir.file("b.tif"));
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(text.find("holds 216 bytes"), std::string::npos) << text;
+    EXPECT_NE(text.find("must hold 224 bytes"), std::string::npos) << text;
+    EXPECT_FALSE(Exists(dir.file("b.tif")));
 }
