@@ -17,6 +17,9 @@ namespace {
 const char* kContext = "RSPCA";
 constexpr long long kMi = 1LL << 20;
 constexpr int kRangeRows = 128;
+// Each block is moved in chunks of rows of about this many samples: the sums see the pixels in the
+// same order, and memory stays a few MiB whatever the block holds.
+constexpr long long kChunkSamples = 512 * 1024;
 // Square matrices of this many bands stay near 128 MiB; a statistics file claiming more is refused.
 constexpr int kMaxBands = 4096;
 
@@ -58,6 +61,11 @@ bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
     const long long pixel = static_cast<long long>(sizeof(T)) * bands;
     return out.WriteRaster(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
                            bands, numbers.data(), pixel, pixel * width, sizeof(T));
+}
+
+int ChunkRows(long long blockRows, int width, int bands)
+{
+    return static_cast<int>(std::max(1LL, std::min(blockRows, RowsWithin(kChunkSamples, width, bands))));
 }
 
 // Calls fn(TIn{}, TOut{}) for two pixel type codes; false when either is not 1..7.
@@ -176,7 +184,8 @@ int CPCAEngine::StatisticsPass(int components)
     if (rows < 1)
         return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
     const RowBlocks blocks(height, static_cast<int>(rows));
-    TypedBuffer<TIn> buffer = NewSamples<TIn>(rows * width * n);
+    const int chunkRows = ChunkRows(rows, width, n);
+    TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * n);
     std::vector<double> scratch(n);
     if (!buffer)
         return Fail(1, "Apply memory Fail!");
@@ -184,10 +193,12 @@ int CPCAEngine::StatisticsPass(int components)
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
     readSpan.ReportPercent(0);
     for (const RowBlock block : blocks) {
-        if (!ReadRows(*m_pDataset, block.first, block.rows, n, buffer.get()))
-            return Fail(1, "Failed to read the input file!");
-        PcaAccumulate(buffer.get(), static_cast<long long>(block.rows) * width, n, m_pSum.get(), m_pSumSq.get(),
-                      m_pCross.get(), scratch.data());
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            if (!ReadRows(*m_pDataset, block.first + chunk.first, chunk.rows, n, buffer.get()))
+                return Fail(1, "Failed to read the input file!");
+            PcaAccumulate(buffer.get(), static_cast<long long>(chunk.rows) * width, n, m_pSum.get(), m_pSumSq.get(),
+                          m_pCross.get(), scratch.data());
+        }
         if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
             m_pStatFile.reset();
             return Fail(6, QString());
@@ -282,16 +293,17 @@ PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster)
     PcaSampleRange range;
     const int width = raster.GetRasterXSize();
     const int bands = raster.GetBandCount();
-    const RowBlocks blocks(raster.GetRasterYSize(), kRangeRows);
-    TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(kRangeRows) * width * bands);
+    const int chunkRows = ChunkRows(kRangeRows, width, bands);
+    TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * bands);
     if (!buffer)
         return range;
-    for (const RowBlock block : blocks) {
-        ReadRows(raster, block.first, block.rows, bands, buffer.get());
-        const TIn* p = buffer.get();
-        for (long long i = 0, count = static_cast<long long>(block.rows) * width * bands; i < count; ++i)
-            range.Add(static_cast<double>(p[i]));
-    }
+    for (const RowBlock block : RowBlocks(raster.GetRasterYSize(), kRangeRows))
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            ReadRows(raster, block.first + chunk.first, chunk.rows, bands, buffer.get());
+            const TIn* p = buffer.get();
+            for (long long i = 0, count = static_cast<long long>(chunk.rows) * width * bands; i < count; ++i)
+                range.Add(static_cast<double>(p[i]));
+        }
     return range;
 }
 
@@ -309,40 +321,56 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
         return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
     m_projection = m_eigenVectors.topLeftCorner(n, m);
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = m_projection;
-
-    TypedBuffer<TIn> in = NewSamples<TIn>(rows * width * n);
-    TypedBuffer<TOut> out = NewSamples<TOut>(rows * width * m);
-    std::vector<double> scratch(n + m);
-    if (!in || !out)
-        return Fail(1, "Apply memory Fail!");
     RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, m,
                                                                        static_cast<PixelDataType>(PixelTypeOf<TOut>()),
                                                                        format, nullptr);
     if (!raster)
         return Fail(2, "The output file could not be created!");
     PlaceOnInput(*m_pDataset, *raster);
+    const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
+    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
+                                                   weights.data(), nullptr, span)) {
+        m_pStatFile.reset();
+        return status;
+    }
+    CopyRpcIfPresent(*m_pDataset, *raster);
+    m_pStatFile.reset();
+    return 0;
+}
 
+// Both rotations: every pixel's m outputs from its n samples, block by block, reporting and polling
+// after each block. The input's sample range is read only if a value falls outside the output type.
+template <class TIn, class TOut>
+int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
+                             const double* add, const ProgressSpan& span)
+{
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    const int chunkRows = ChunkRows(rows, width, std::max(n, m));
+    TypedBuffer<TIn> in = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * n);
+    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(chunkRows) * width * m);
+    std::vector<double> scratch(n + m);
+    if (!in || !result)
+        return Fail(1, "Apply memory Fail!");
     std::optional<PcaSampleRange> range;
     auto inputRange = [&]() -> const PcaSampleRange& {
         if (!range)
             range = InputRange<TIn>(*m_pDataset);
         return *range;
     };
-    const RowBlocks blocks(height, static_cast<int>(rows));
-    const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
+    const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
     for (const RowBlock block : blocks) {
-        if (!ReadRows(*m_pDataset, block.first, block.rows, n, in.get()))
-            return Fail(1, "Failed to read the input file!");
-        PcaProject(in.get(), static_cast<long long>(block.rows) * width, n, subtractMean ? m_pSum.get() : nullptr,
-                   weights.data(), m, nullptr, out.get(), scratch.data(), inputRange);
-        WriteRows(*raster, block.first, block.rows, m, out.get());
-        if (!span.ReportAndPoll(block.index, blocks.Count())) {
-            m_pStatFile.reset();
-            return Fail(6, QString());
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            const int first = block.first + chunk.first;
+            if (!ReadRows(*m_pDataset, first, chunk.rows, n, in.get()))
+                return Fail(1, "Failed to read the input file!");
+            PcaProject(in.get(), static_cast<long long>(chunk.rows) * width, n, sub, weights, m, add, result.get(),
+                       scratch.data(), inputRange);
+            WriteRows(out, first, chunk.rows, m, result.get());
         }
+        if (!span.ReportAndPoll(block.index, blocks.Count()))
+            return Fail(6, QString());
     }
-    CopyRpcIfPresent(*m_pDataset, *raster);
-    m_pStatFile.reset();
     return 0;
 }
 
@@ -398,40 +426,20 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
     const int n = m_nBands;
     const int width = m_pDataset->GetRasterXSize();
     const int height = m_pDataset->GetRasterYSize();
+    const long long rows = RowsWithin(4 * kMi, width, n);
+    if (rows < 1)
+        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
     RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, n,
                                                                        static_cast<PixelDataType>(PixelTypeOf<TOut>()),
                                                                        format, nullptr);
     if (!raster)
         return Fail(2, "The output file could not be created!");
     PlaceOnInput(*m_pDataset, *raster);
-    const long long rows = RowsWithin(4 * kMi, width, n);
-    if (rows < 1)
-        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
-    // Component k of a pixel weighs back-rotation column k: weights[k][b] = back(b, k).
+    // Component k of a pixel weighs back-rotation column k: weights[k][b] = back(b, k). The mean
+    // goes back whatever the forward run subtracted; intended.
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();
-    TypedBuffer<TIn> in = NewSamples<TIn>(rows * width * n);
-    TypedBuffer<TOut> out = NewSamples<TOut>(rows * width * n);
-    std::vector<double> scratch(2 * n);
-    if (!in || !out)
-        return Fail(1, "Apply memory Fail!");
-
-    std::optional<PcaSampleRange> range;
-    auto inputRange = [&]() -> const PcaSampleRange& {
-        if (!range)
-            range = InputRange<TIn>(*m_pDataset);
-        return *range;
-    };
-    const RowBlocks blocks(height, static_cast<int>(rows));
     const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
-    for (const RowBlock block : blocks) {
-        if (!ReadRows(*m_pDataset, block.first, block.rows, n, in.get()))
-            return Fail(1, "Failed to read the input file!");
-        // The mean goes back whatever the forward run subtracted; intended.
-        PcaProject(in.get(), static_cast<long long>(block.rows) * width, n, nullptr, weights.data(), n, means,
-                   out.get(), scratch.data(), inputRange);
-        WriteRows(*raster, block.first, block.rows, n, out.get());
-        if (!span.ReportAndPoll(block.index, blocks.Count()))
-            return Fail(6, QString());
-    }
+    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span))
+        return status;
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 struct PcaSampleRange;
+class ProgressSpan;
 
 // Principal component engine; lives in the algorithm object between runs, so a rotation-only run
 // projects with the eigenvectors of an earlier statistics-only run.
@@ -38,6 +39,9 @@ private:
     int StatisticsPass(int components);
     template <class TIn, class TOut>
     int Projection(const QString& output, int components, bool subtractMean, const QString& format);
+    template <class TIn, class TOut>
+    int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
+                     const double* weights, const double* add, const ProgressSpan& span);
     template <class TIn>
     static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster);
 
