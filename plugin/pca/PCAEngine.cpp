@@ -19,7 +19,7 @@ constexpr long long kMi = 1LL << 20;
 constexpr int kRangeRows = 128;
 // Each block is moved in chunks of rows of about this many samples: the sums see the pixels in the
 // same order, and memory stays a few MiB whatever the block holds.
-constexpr long long kChunkSamples = 512 * 1024;
+constexpr long long kChunkSamples = 64 * 1024;
 // Square matrices of this many bands stay near 128 MiB; a statistics file claiming more is refused.
 constexpr int kMaxBands = 4096;
 
@@ -185,9 +185,10 @@ int CPCAEngine::StatisticsPass(int components)
         return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
     const RowBlocks blocks(height, static_cast<int>(rows));
     const int chunkRows = ChunkRows(rows, width, n);
-    TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * n);
-    std::vector<double> scratch(n);
-    if (!buffer)
+    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
+    TypedBuffer<TIn> buffer = NewSamples<TIn>(chunkSamples);
+    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
+    if (!buffer || !values)
         return Fail(1, "Apply memory Fail!");
 
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
@@ -196,8 +197,11 @@ int CPCAEngine::StatisticsPass(int components)
         for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
             if (!ReadRows(*m_pDataset, block.first + chunk.first, chunk.rows, n, buffer.get()))
                 return Fail(1, "Failed to read the input file!");
-            PcaAccumulate(buffer.get(), static_cast<long long>(chunk.rows) * width, n, m_pSum.get(), m_pSumSq.get(),
-                          m_pCross.get(), scratch.data());
+            const long long pixels = static_cast<long long>(chunk.rows) * width;
+            PcaWiden(buffer.get(), pixels * n, values.get());
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+            });
         }
         if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
             m_pStatFile.reset();
@@ -320,7 +324,9 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     if (rows < 1)
         return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
     m_projection = m_eigenVectors.topLeftCorner(n, m);
-    const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = m_projection;
+    // Square for the rotation step; the columns past m only compute values that are not written.
+    Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = Eigen::MatrixXd::Zero(n, n);
+    weights.leftCols(m) = m_projection;
     RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, m,
                                                                        static_cast<PixelDataType>(PixelTypeOf<TOut>()),
                                                                        format, nullptr);
@@ -338,7 +344,7 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     return 0;
 }
 
-// Both rotations: every pixel's m outputs from its n samples, block by block, reporting and polling
+// Both rotations: every pixel's first m of n rotated values, block by block, reporting and polling
 // after each block. The input's sample range is read only if a value falls outside the output type.
 template <class TIn, class TOut>
 int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
@@ -346,11 +352,13 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
 {
     const int n = m_nBands;
     const int width = m_pDataset->GetRasterXSize();
-    const int chunkRows = ChunkRows(rows, width, std::max(n, m));
-    TypedBuffer<TIn> in = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * n);
-    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(chunkRows) * width * m);
-    std::vector<double> scratch(n + m);
-    if (!in || !result)
+    const int chunkRows = ChunkRows(rows, width, n);
+    const long long chunkPixels = static_cast<long long>(chunkRows) * width;
+    TypedBuffer<TIn> in = NewSamples<TIn>(chunkPixels * n);
+    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n);
+    TypedBuffer<TOut> result = NewSamples<TOut>(chunkPixels * m);
+    std::vector<double> scratch(2 * n);
+    if (!in || !values || !result)
         return Fail(1, "Apply memory Fail!");
     std::optional<PcaSampleRange> range;
     auto inputRange = [&]() -> const PcaSampleRange& {
@@ -364,8 +372,12 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
             const int first = block.first + chunk.first;
             if (!ReadRows(*m_pDataset, first, chunk.rows, n, in.get()))
                 return Fail(1, "Failed to read the input file!");
-            PcaProject(in.get(), static_cast<long long>(chunk.rows) * width, n, sub, weights, m, add, result.get(),
-                       scratch.data(), inputRange);
+            const long long pixels = static_cast<long long>(chunk.rows) * width;
+            PcaWiden(in.get(), pixels * n, values.get());
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaRotate<decltype(fixed)::value>(values.get(), pixels, n, sub, weights, add, scratch.data());
+            });
+            PcaNarrow(values.get(), pixels, n, m, result.get(), inputRange);
             WriteRows(out, first, chunk.rows, m, result.get());
         }
         if (!span.ReportAndPoll(block.index, blocks.Count()))

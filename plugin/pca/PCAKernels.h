@@ -1,9 +1,11 @@
 #pragma once
-// Pixel kernels of the PCA runs, one template per (input, output) sample type.
+// Pixel kernels of the PCA runs. Samples are widened to double once per chunk; the arithmetic
+// then runs over doubles with the band count fixed at compile time for the usual sizes.
 #include <cmath>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 // Smallest and largest sample of a raster, over all its bands; NaN samples are passed over.
 struct PcaSampleRange {
@@ -43,45 +45,76 @@ inline TOut PcaConvert(double c, RangeFn&& range)
     }
 }
 
-// Sums, sums of squares and the upper triangle of the cross products of pixel-interleaved samples.
-// Each cross sum gets its products in pixel order, so the lower triangle is the same number.
-// x is scratch for n values.
 template <class TIn>
-void PcaAccumulate(const TIn* in, long long pixels, int n, double* sum, double* sumsq, double* cross, double* x)
+void PcaWiden(const TIn* in, long long count, double* out)
 {
-    for (long long p = 0; p < pixels; ++p, in += n) {
-        for (int b = 0; b < n; ++b) {
-            x[b] = static_cast<double>(in[b]);
-            sum[b] += x[b];
-            sumsq[b] += x[b] * x[b];
-        }
-        for (int b = 0; b < n; ++b) {
-            double* row = cross + static_cast<long long>(b) * n;
-            for (int j = b; j < n; ++j)
-                row[j] += x[j] * x[b];
-        }
+    for (long long i = 0; i < count; ++i)
+        out[i] = static_cast<double>(in[i]);
+}
+
+// The first m of every n values, converted.
+template <class TOut, class RangeFn>
+void PcaNarrow(const double* in, long long pixels, int n, int m, TOut* out, RangeFn&& range)
+{
+    for (long long p = 0; p < pixels; ++p, in += n, out += m)
+        for (int k = 0; k < m; ++k)
+            out[k] = PcaConvert<TOut>(in[k], range);
+}
+
+// Calls fn(std::integral_constant<int, N>) with N = n for 1..8, or N = 0 (size known at run time only).
+template <class Fn>
+void PcaWithBandCount(int n, Fn&& fn)
+{
+    switch (n) {
+    case 1: return fn(std::integral_constant<int, 1>{});
+    case 2: return fn(std::integral_constant<int, 2>{});
+    case 3: return fn(std::integral_constant<int, 3>{});
+    case 4: return fn(std::integral_constant<int, 4>{});
+    case 5: return fn(std::integral_constant<int, 5>{});
+    case 6: return fn(std::integral_constant<int, 6>{});
+    case 7: return fn(std::integral_constant<int, 7>{});
+    case 8: return fn(std::integral_constant<int, 8>{});
+    default: return fn(std::integral_constant<int, 0>{});
     }
 }
 
-// out[k] = Σ_j (in[j] − sub[j]) · w[j·m + k] (+ add[k]) per pixel, in double, converted to TOut.
-// sub and add may be null; scratch holds n + m values.
-template <class TIn, class TOut, class RangeFn>
-void PcaProject(const TIn* in, long long pixels, int n, const double* sub, const double* w, int m,
-                const double* add, TOut* out, double* scratch, RangeFn&& range)
+// Sums, sums of squares and the upper triangle of the cross products of pixel-interleaved values,
+// each added in pixel order (so the lower triangle is the same number).
+template <int N>
+void PcaAccumulate(const double* x, long long pixels, int bands, double* sum, double* sumsq, double* cross)
 {
-    double* x = scratch;
-    double* acc = scratch + n;
-    for (long long p = 0; p < pixels; ++p, in += n, out += m) {
-        for (int j = 0; j < n; ++j)
-            x[j] = sub ? static_cast<double>(in[j]) - sub[j] : static_cast<double>(in[j]);
-        for (int k = 0; k < m; ++k)
-            acc[k] = 0.0;
-        for (int j = 0; j < n; ++j) {
-            const double* wj = w + static_cast<long long>(j) * m;
-            for (int k = 0; k < m; ++k)
-                acc[k] += x[j] * wj[k];
+    const int n = N ? N : bands;
+    for (long long p = 0; p < pixels; ++p, x += n) {
+        for (int b = 0; b < n; ++b) {
+            sum[b] += x[b];
+            sumsq[b] += x[b] * x[b];
         }
-        for (int k = 0; k < m; ++k)
-            out[k] = PcaConvert<TOut>(add ? acc[k] + add[k] : acc[k], range);
+        for (int b = 0; b < n; ++b)
+            for (int j = b; j < n; ++j)
+                cross[b * n + j] += x[j] * x[b];
+    }
+}
+
+// In place, per pixel of n values: x'[k] = Σ_j (x[j] − sub[j]) · w[j·n + k] (+ add[k]), summed in
+// band order. sub and add may be null.
+// scratch holds 2n values.
+template <int N>
+void PcaRotate(double* x, long long pixels, int bands, const double* sub, const double* w, const double* add,
+               double* scratch)
+{
+    const int n = N ? N : bands;
+    double fixed[2 * (N ? N : 1)];
+    double* v = N ? fixed : scratch;
+    double* acc = v + n;
+    for (long long p = 0; p < pixels; ++p, x += n) {
+        for (int j = 0; j < n; ++j)
+            v[j] = sub ? x[j] - sub[j] : x[j];
+        for (int k = 0; k < n; ++k)
+            acc[k] = 0.0;
+        for (int j = 0; j < n; ++j)
+            for (int k = 0; k < n; ++k)
+                acc[k] += v[j] * w[j * n + k];
+        for (int k = 0; k < n; ++k)
+            x[k] = add ? acc[k] + add[k] : acc[k];
     }
 }

@@ -112,8 +112,9 @@ TEST(PcaModes, StatisticsOnlyThenRotationOnlyWithThreeComponents)
 TEST(PcaRoundTrip, ForwardThenInverseRestoresTheInput)
 {
     TempDir dir;
-    std::vector<std::pair<std::string, int>> scenes = {{dir.file("in.tif"), 4}};
+    std::vector<std::pair<std::string, int>> scenes = {{dir.file("in.tif"), 4}, {dir.file("in9.tif"), 9}};
     WriteRaster(scenes[0].first, Shape(33, 17, 4, GDT_UInt16), [](int b, int x, int y) { return Pixel(b, x, y) * 90; });
+    WriteRaster(scenes[1].first, Shape(20, 11, 9, GDT_Int32), [](int b, int x, int y) { return Pixel(b, x, y) - x * b; });
     if (!SampleScene().empty())
         scenes.push_back({SampleScene(), 6});
     GTEST_LOG_(INFO) << (SampleScene().empty() ? "L7_ETMs.tif is absent; synthetic scene only" : "");
