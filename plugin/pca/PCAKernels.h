@@ -1,6 +1,7 @@
 #pragma once
 // Pixel kernels of the PCA runs. Samples are widened to double once per chunk; the arithmetic
 // then runs over doubles with the band count fixed at compile time for the usual sizes.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -53,9 +54,25 @@ void PcaWiden(const TIn* in, long long count, double* out)
 }
 
 // The first m of every n values, converted.
+// The first m of every n values, converted. When every value of a run fits the type, which is
+// checked without a branch per value, the plain conversion is all there is to do.
 template <class TOut, class RangeFn>
 void PcaNarrow(const double* in, long long pixels, int n, int m, TOut* out, RangeFn&& range)
 {
+    if constexpr (!std::is_same_v<TOut, double>) {
+        if (n == m) {
+            constexpr double lo = std::numeric_limits<TOut>::lowest();
+            constexpr double hi = std::numeric_limits<TOut>::max();
+            int fits = 1;
+            for (long long i = 0, count = pixels * n; i < count; ++i) {
+                const double v = in[i];
+                fits &= (lo < v) & (v < hi);
+                out[i] = static_cast<TOut>(v > lo ? (v < hi ? v : hi) : lo);
+            }
+            if (fits)
+                return;
+        }
+    }
     for (long long p = 0; p < pixels; ++p, in += n, out += m)
         for (int k = 0; k < m; ++k)
             out[k] = PcaConvert<TOut>(in[k], range);
@@ -83,15 +100,35 @@ void PcaWithBandCount(int n, Fn&& fn)
 template <int N>
 void PcaAccumulate(const double* x, long long pixels, int bands, double* sum, double* sumsq, double* cross)
 {
-    const int n = N ? N : bands;
-    for (long long p = 0; p < pixels; ++p, x += n) {
-        for (int b = 0; b < n; ++b) {
-            sum[b] += x[b];
-            sumsq[b] += x[b] * x[b];
+    if constexpr (N == 0) {
+        const int n = bands;
+        for (long long p = 0; p < pixels; ++p, x += n) {
+            for (int b = 0; b < n; ++b) {
+                sum[b] += x[b];
+                sumsq[b] += x[b] * x[b];
+            }
+            for (int b = 0; b < n; ++b)
+                for (int j = b; j < n; ++j)
+                    cross[b * n + j] += x[j] * x[b];
         }
-        for (int b = 0; b < n; ++b)
-            for (int j = b; j < n; ++j)
-                cross[b * n + j] += x[j] * x[b];
+    } else {
+        // The same additions in the same order, on copies the compiler can keep in registers.
+        double s[N], q[N], c[N * N];
+        std::copy(sum, sum + N, s);
+        std::copy(sumsq, sumsq + N, q);
+        std::copy(cross, cross + N * N, c);
+        for (long long p = 0; p < pixels; ++p, x += N) {
+            for (int b = 0; b < N; ++b) {
+                s[b] += x[b];
+                q[b] += x[b] * x[b];
+            }
+            for (int b = 0; b < N; ++b)
+                for (int j = b; j < N; ++j)
+                    c[b * N + j] += x[j] * x[b];
+        }
+        std::copy(s, s + N, sum);
+        std::copy(q, q + N, sumsq);
+        std::copy(c, c + N * N, cross);
     }
 }
 
@@ -102,19 +139,39 @@ template <int N>
 void PcaRotate(double* x, long long pixels, int bands, const double* sub, const double* w, const double* add,
                double* scratch)
 {
-    const int n = N ? N : bands;
-    double fixed[2 * (N ? N : 1)];
-    double* v = N ? fixed : scratch;
-    double* acc = v + n;
-    for (long long p = 0; p < pixels; ++p, x += n) {
-        for (int j = 0; j < n; ++j)
-            v[j] = sub ? x[j] - sub[j] : x[j];
-        for (int k = 0; k < n; ++k)
-            acc[k] = 0.0;
-        for (int j = 0; j < n; ++j)
+    if constexpr (N == 0) {
+        const int n = bands;
+        double* v = scratch;
+        double* acc = v + n;
+        for (long long p = 0; p < pixels; ++p, x += n) {
+            for (int j = 0; j < n; ++j)
+                v[j] = sub ? x[j] - sub[j] : x[j];
             for (int k = 0; k < n; ++k)
-                acc[k] += v[j] * w[j * n + k];
-        for (int k = 0; k < n; ++k)
-            x[k] = add ? acc[k] + add[k] : acc[k];
+                acc[k] = 0.0;
+            for (int j = 0; j < n; ++j)
+                for (int k = 0; k < n; ++k)
+                    acc[k] += v[j] * w[j * n + k];
+            for (int k = 0; k < n; ++k)
+                x[k] = add ? acc[k] + add[k] : acc[k];
+        }
+    } else {
+        // Local copies: x is written in place, so nothing read through the other pointers may
+        // look as if it could change under the loop.
+        double wl[N * N], sl[N] = {}, al[N] = {};
+        std::copy(w, w + N * N, wl);
+        if (sub)
+            std::copy(sub, sub + N, sl);
+        if (add)
+            std::copy(add, add + N, al);
+        for (long long p = 0; p < pixels; ++p, x += N) {
+            double v[N], acc[N] = {};
+            for (int j = 0; j < N; ++j)
+                v[j] = sub ? x[j] - sl[j] : x[j];
+            for (int j = 0; j < N; ++j)
+                for (int k = 0; k < N; ++k)
+                    acc[k] += v[j] * wl[j * N + k];
+            for (int k = 0; k < N; ++k)
+                x[k] = add ? acc[k] + al[k] : acc[k];
+        }
     }
 }
