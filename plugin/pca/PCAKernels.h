@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <type_traits>
 #include <utility>
@@ -53,26 +54,54 @@ void PcaWiden(const TIn* in, long long count, double* out)
         out[i] = static_cast<double>(in[i]);
 }
 
+// Converts count values two at a time (one SSE register), each clamped into the type so the conversion is always
+// defined; true when every value was strictly inside the type's range, so nothing was clamped.
+template <class TOut>
+bool PcaNarrowFitting(const double* in, long long count, TOut* out)
+{
+    using V = double __attribute__((vector_size(16)));
+    using M = long long __attribute__((vector_size(16)));
+    using F = float __attribute__((vector_size(8)));
+    constexpr double lo = std::numeric_limits<TOut>::lowest();
+    constexpr double hi = std::numeric_limits<TOut>::max();
+    const V loV = {lo, lo}, hiV = {hi, hi};
+    // Running extremes and a sum of v − v, which only a NaN or an infinity makes non-zero: all in
+    // the vector unit, no branch per value.
+    V least = hiV, most = loV, nonFinite = {0.0, 0.0};
+    long long i = 0;
+    for (; i + 2 <= count; i += 2) {
+        V v;
+        std::memcpy(&v, in + i, sizeof v);
+        least = v < least ? v : least;
+        most = v > most ? v : most;
+        nonFinite += v - v;
+        v = v < hiV ? v : hiV;
+        v = v > loV ? v : loV; // NaN lanes end at hi above, so this never sees one
+        if constexpr (std::is_same_v<TOut, float>) {
+            const F f = __builtin_convertvector(v, F);
+            std::memcpy(out + i, &f, sizeof f);
+        } else {
+            const M whole = __builtin_convertvector(v, M); // truncates toward zero, as the scalar rule does
+            out[i] = static_cast<TOut>(whole[0]);
+            out[i + 1] = static_cast<TOut>(whole[1]);
+        }
+    }
+    bool ok = least[0] > lo && least[1] > lo && most[0] < hi && most[1] < hi && nonFinite[0] == 0.0 &&
+              nonFinite[1] == 0.0;
+    for (; i < count; ++i) {
+        ok = ok && lo < in[i] && in[i] < hi;
+        out[i] = ok ? static_cast<TOut>(in[i]) : TOut();
+    }
+    return ok;
+}
+
 // The first m of every n values, converted.
-// The first m of every n values, converted. When every value of a run fits the type, which is
-// checked without a branch per value, the plain conversion is all there is to do.
 template <class TOut, class RangeFn>
 void PcaNarrow(const double* in, long long pixels, int n, int m, TOut* out, RangeFn&& range)
 {
-    if constexpr (!std::is_same_v<TOut, double>) {
-        if (n == m) {
-            constexpr double lo = std::numeric_limits<TOut>::lowest();
-            constexpr double hi = std::numeric_limits<TOut>::max();
-            int fits = 1;
-            for (long long i = 0, count = pixels * n; i < count; ++i) {
-                const double v = in[i];
-                fits &= (lo < v) & (v < hi);
-                out[i] = static_cast<TOut>(v > lo ? (v < hi ? v : hi) : lo);
-            }
-            if (fits)
-                return;
-        }
-    }
+    if constexpr (!std::is_same_v<TOut, double>)
+        if (n == m && PcaNarrowFitting(in, pixels * n, out))
+            return;
     for (long long p = 0; p < pixels; ++p, in += n, out += m)
         for (int k = 0; k < m; ++k)
             out[k] = PcaConvert<TOut>(in[k], range);

@@ -117,3 +117,30 @@ TEST(PcaConvert, OnlyValuesOutsideTheTypeAreStretchedByTheInputRange)
     PcaConvert<float>(1e30, r);
     EXPECT_EQ(asked, 0) << "values that fit never ask for the input's range";
 }
+
+// The two-at-a-time conversion agrees with the rule value by value, whether a run fits or not.
+template <class T>
+void ExpectNarrowMatchesRule(const std::vector<double>& values)
+{
+    PcaSampleRange range;
+    range.Add(-10);
+    range.Add(300);
+    auto r = [&]() -> const PcaSampleRange& { return range; };
+    std::vector<T> fast(values.size());
+    PcaNarrow(values.data(), static_cast<long long>(values.size()), 1, 1, fast.data(), r);
+    for (size_t i = 0; i < values.size(); ++i)
+        EXPECT_EQ(fast[i], PcaConvert<T>(values[i], r)) << values[i];
+}
+
+TEST(PcaConvert, FastConversionAgreesWithTheRule)
+{
+    for (const std::vector<double>& v : {std::vector<double>{1.5, 2.7, 100.2, 3, 4, 5, 6, 7, 8, 9.9, 254.9},
+                                         {12.7, -5, -20, 280, 400, -1e12, 1e12, std::nan(""), -0.5, 65534.9}}) {
+        ExpectNarrowMatchesRule<uint8_t>(v);
+        ExpectNarrowMatchesRule<uint16_t>(v);
+        ExpectNarrowMatchesRule<int16_t>(v);
+        ExpectNarrowMatchesRule<uint32_t>(v);
+        ExpectNarrowMatchesRule<int32_t>(v);
+        ExpectNarrowMatchesRule<float>(v);
+    }
+}
