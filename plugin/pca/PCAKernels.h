@@ -7,7 +7,6 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
-#include <utility>
 
 // Smallest and largest sample of a raster, over all its bands; NaN samples are passed over.
 struct PcaSampleRange {
@@ -54,8 +53,8 @@ void PcaWiden(const TIn* in, long long count, double* out)
         out[i] = static_cast<double>(in[i]);
 }
 
-// Converts count values two at a time (one SSE register), each clamped into the type so the conversion is always
-// defined; true when every value was strictly inside the type's range, so nothing was clamped.
+// Converts count values two at a time (one SSE register), each clamped into the type so that the
+// conversion is always defined; true when every value was strictly inside the type's range.
 template <class TOut>
 bool PcaNarrowFitting(const double* in, long long count, TOut* out)
 {
