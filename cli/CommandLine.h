@@ -14,6 +14,9 @@ struct Request {
     bool quiet = false;
     bool statsOnly = false;   // pca -stats-only: print the eigenvalue table afterwards
     std::string pluginPath;   // empty: beside the executable, then ../lib
+    std::string warning;      // a conversion the output format makes, said before the run
+    std::vector<std::string> outputs; // files the run writes, removed when the host sees it fail
+    std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.
@@ -26,5 +29,5 @@ struct ParseResult {
 
 ParseResult ParseCommandLine(const std::vector<std::string>& args);
 
-// GDAL pixel type name -> 0-based index (Byte 0 .. Float64 6), -1 when unknown.
+// GDAL pixel type name in any case -> 0-based index (Byte 0 .. Float64 6), -1 when unknown.
 int PixelTypeIndex(const std::string& name);

@@ -1,7 +1,9 @@
 // tavtransform: parses a command line into a parameter record, loads the plug-in the way a host
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
+#include "BandNames.h"
 #include "CommandLine.h"
 #include "PcaStatsCheck.h"
+#include "RunReport.h"
 #include "TermProgress.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
@@ -22,7 +24,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-enum ExitStatus { kOk = 0, kFailed = 1, kUsage = 2, kInterrupted = 130 };
+enum ExitStatus { kOk = 0, kFailed = 1, kUsage = 2, kSignalBase = 128 };
 
 using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
 
@@ -72,18 +74,7 @@ Plugin LoadPlugin(const std::string& overridePath)
     return p;
 }
 
-std::string DescribeCode(int code)
-{
-    switch (code) {
-    case 1: return "the transform failed";
-    case 2: return "the input could not be opened";
-    case 100: return "no parameters were given";
-    case -1010: return "the run was cancelled";
-    default: return "the transform failed";
-    }
-}
-
-// Waits for SIGINT/SIGTERM on its own thread, so Terminate never runs inside a signal handler.
+// Waits for SIGINT, SIGTERM and SIGHUP on its own thread, so Terminate never runs inside a signal handler.
 class SignalWatcher {
 public:
     explicit SignalWatcher(OrvAlgo::IOrvAlgo* algo) : m_algo(algo)
@@ -95,7 +86,8 @@ public:
         pthread_kill(m_thread.native_handle(), SIGUSR1);
         m_thread.join();
     }
-    bool Interrupted() const { return m_interrupted.load(); }
+    // The signal that stopped the run, 0 when none came.
+    int Signal() const { return m_signal.load(); }
 
     // Called before any thread starts, so every thread inherits the blocked set.
     static void BlockSignals()
@@ -111,6 +103,7 @@ private:
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
         sigaddset(&set, SIGTERM);
+        sigaddset(&set, SIGHUP);
         sigaddset(&set, SIGUSR1);
         return set;
     }
@@ -121,13 +114,13 @@ private:
             int sig = 0;
             if (sigwait(&set, &sig) != 0 || sig == SIGUSR1)
                 return;
-            m_interrupted = true;
+            m_signal = sig;
             m_algo->Terminate();
         }
     }
 
     OrvAlgo::IOrvAlgo* m_algo;
-    std::atomic<bool> m_interrupted{false};
+    std::atomic<int> m_signal{0};
     std::thread m_thread;
 };
 
@@ -143,6 +136,32 @@ void PrintEigenTable(const boost::any& params)
                     i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0);
 }
 
+// The plug-in's failure, its plain-language reading, GDAL's reason and the I/O that failed.
+int ReportPluginFailure(OrvAlgo::IOrvAlgo& algo)
+{
+    int code = 0;
+    QString text;
+    algo.GetErrorInfo(code, text);
+    std::fprintf(stderr, "ERROR %d: %s\n", code,
+                 text.isEmpty() ? DescribeCode(code).c_str() : text.toLocal8Bit().constData());
+    if (const std::string plain = ExplainPluginText(text); !plain.empty())
+        std::fprintf(stderr, "%s\n", plain.c_str());
+    const OrvDataSource::GdalError gdal = OrvDataSource::LastGdalError();
+    if (!gdal.strMessage.isEmpty())
+        std::fprintf(stderr, "  GDAL: %s\n", gdal.strMessage.toLocal8Bit().constData());
+    std::fputs(OrvDataSource::RecordedFailures().isEmpty() ? "" : RecordedFailureLines().c_str(), stderr);
+    return kFailed;
+}
+
+// Runs the plug-in with the signal thread watching; the signal number that stopped it, or 0.
+int ExecuteWatched(OrvAlgo::IOrvAlgo& algo, bool& ok)
+{
+    OrvDataSource::ClearGdalError();
+    SignalWatcher watcher(&algo);
+    ok = algo.Execute();
+    return watcher.Signal();
+}
+
 int Run(const Request& req)
 {
     Plugin plugin = LoadPlugin(req.pluginPath);
@@ -150,6 +169,8 @@ int Run(const Request& req)
         std::fprintf(stderr, "ERROR: cannot load the TavTransformFunc plug-in:\n%s", plugin.error.c_str());
         return kFailed;
     }
+    if (!req.warning.empty())
+        std::fprintf(stderr, "%s\n", req.warning.c_str());
     std::unique_ptr<OrvAlgo::IOrvAlgo> algo(plugin.create());
     OrvAlgo::ProgressSignal signal;
     TermProgress progress(stderr);
@@ -164,38 +185,27 @@ int Run(const Request& req)
     algo->SetParams(req.record);
 
     bool ok = false;
-    bool interrupted = false;
-    OrvDataSource::ClearGdalError();
-    {
-        SignalWatcher watcher(algo.get());
-        ok = algo->Execute();
-        interrupted = watcher.Interrupted();
-    }
+    const int stoppedBy = ExecuteWatched(*algo, ok);
+    const bool hostFailed = ok && HostSawFailure();
     if (!req.quiet) {
-        if (ok)
+        if (ok && !hostFailed)
             progress.Update(100.0, QString());
         progress.Finish();
     }
-    if (ok && req.statsOnly)
+    if (ok && !hostFailed && req.statsOnly)
         PrintEigenTable(algo->GetParams());
-
-    int code = 0;
-    QString text;
-    algo->GetErrorInfo(code, text);
-    algo.reset();
     // The plug-in stays loaded: GDAL may still hold objects it made until exit.
-    if (interrupted) {
+    if (stoppedBy) {
         std::fprintf(stderr, "Interrupted; the partial output was removed.\n");
-        return kInterrupted;
+        return kSignalBase + stoppedBy;
     }
-    if (ok)
-        return kOk;
-    std::fprintf(stderr, "ERROR %d: %s\n", code,
-                 text.isEmpty() ? DescribeCode(code).c_str() : text.toLocal8Bit().constData());
-    const OrvDataSource::GdalError gdal = OrvDataSource::LastGdalError();
-    if (!gdal.strMessage.isEmpty())
-        std::fprintf(stderr, "  GDAL: %s\n", gdal.strMessage.toLocal8Bit().constData());
-    return kFailed;
+    if (hostFailed) {
+        ReportHostFailure(req);
+        return kFailed;
+    }
+    if (!ok)
+        return ReportPluginFailure(*algo);
+    return FinishOutput(req) ? kOk : kFailed;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "OrvUtility/CRef.h"
 
 #include <QString>
+#include <QStringList>
 
 class GDALDataset;
 
@@ -15,10 +16,13 @@ public:
 
     QString GetPath() const { return m_strPath; }
     virtual GDALDataset* GetGDALDataset() const { return m_poDS; }
+    // Every file the dataset is made of, as GDAL lists them: the main file, side files, VRT sources.
+    QStringList GetFileList() const;
 
 protected:
-    // Closes the GDAL dataset now (flushing it); later calls do nothing.
-    void CloseGDAL();
+    // Closes the GDAL dataset now (flushing it); later calls do nothing. A failure while an
+    // output is flushed is recorded under `shownPath`, the name the user knows.
+    void CloseGDAL(const QString& shownPath);
 
     GDALDataset* m_poDS;
     QString m_strPath;

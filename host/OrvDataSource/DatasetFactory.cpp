@@ -1,4 +1,5 @@
 #include "OrvDataSource/DatasetFactory.h"
+#include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -6,9 +7,9 @@
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
-namespace OrvDataSource {
+#include <filesystem>
 
-GDALDataType ToGDALType(PixelDataType type);
+namespace OrvDataSource {
 
 namespace {
 
@@ -32,6 +33,43 @@ QString StripExtension(const QString& path)
     const QFileInfo info(path);
     const QString suffix = info.suffix();
     return suffix.isEmpty() ? path : path.left(path.size() - suffix.size() - 1);
+}
+
+struct ProbeMessages {
+    QString failure;
+    QString warning;
+};
+
+void CPL_STDCALL KeepProbeMessage(CPLErr eClass, CPLErrorNum, const char* message)
+{
+    auto* kept = static_cast<ProbeMessages*>(CPLGetErrorHandlerUserData());
+    QString& slot = eClass == CE_Warning ? kept->warning : kept->failure;
+    if (eClass >= CE_Warning && slot.isEmpty())
+        slot = QString::fromUtf8(message);
+}
+
+// A small raster of the run's shape, copied in memory: the driver says what it cannot hold.
+QString TryCopy(GDALDriver* driver, int bands, PixelDataType type, QString* warning)
+{
+    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
+    GDALDataset* src = mem ? mem->Create("", 16, 16, bands, ToGDALType(type), nullptr) : nullptr;
+    if (!src)
+        return QStringLiteral("no raster of %1 bands can be made to try the format").arg(bands);
+    const char* ext = driver->GetMetadataItem(GDAL_DMD_EXTENSION);
+    const std::string target = std::string("/vsimem/tav_format_probe/probe.") + (ext ? ext : "img");
+    ProbeMessages kept;
+    CPLPushErrorHandlerEx(KeepProbeMessage, &kept);
+    GDALDataset* copy = driver->CreateCopy(target.c_str(), src, FALSE, nullptr, nullptr, nullptr);
+    if (copy)
+        GDALClose(GDALDataset::ToHandle(copy));
+    CPLPopErrorHandler();
+    GDALClose(GDALDataset::ToHandle(src));
+    VSIRmdirRecursive("/vsimem/tav_format_probe");
+    if (!copy && kept.failure.isEmpty())
+        kept.failure = QStringLiteral("the driver refused the copy");
+    if (warning)
+        *warning = kept.warning;
+    return copy ? QString() : kept.failure;
 }
 
 } // namespace
@@ -122,6 +160,43 @@ OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(
         ds->SetGeoTransform(gt);
     }
     return ds;
+}
+
+bool DatasetFactory::CanWriteRaster(const QString& format) const
+{
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.toUtf8().constData());
+    return driver && CPLFetchBool(driver->GetMetadata(), GDAL_DCAP_RASTER, false) &&
+           (DriverCanCreate(driver) || DriverCanCopy(driver));
+}
+
+QString DatasetFactory::OutputFormatProblem(const QString& format, int bands, PixelDataType type,
+                                            QString* warning) const
+{
+    const QByteArray name = format.toUtf8();
+    if (!CanWriteRaster(format))
+        return QStringLiteral("'%1' is not a raster format GDAL can write").arg(format);
+    // Both would report success and leave the user nothing to read.
+    if (format.compare("VRT", Qt::CaseInsensitive) == 0)
+        return QStringLiteral("VRT only points at other files and would hold none of the result");
+    if (format.compare("MEM", Qt::CaseInsensitive) == 0)
+        return QStringLiteral("MEM keeps the raster in memory, so nothing would be written");
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(name.constData());
+    if (DriverCanCreate(driver) || bands < 1)
+        return {};
+    return TryCopy(driver, bands, type, warning);
+}
+
+bool DatasetFactory::DeleteRaster(const QString& path)
+{
+    const QByteArray name = Native(path);
+    // Only what we wrote: a device or fifo under the name is never ours to remove.
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(name.constData(), ec)))
+        return false;
+    CPLPushErrorHandler(CPLQuietErrorHandler);
+    const bool deleted = GDALDeleteDataset(nullptr, name.constData()) == CE_None;
+    CPLPopErrorHandler();
+    return QFile::remove(path) || deleted;
 }
 
 bool DatasetFactory::CopyRPCFile(RasterDataset* source, RasterDataset* target)

@@ -22,6 +22,13 @@ public:
                                                           int xSize, int ySize, int bandCount,
                                                           PixelDataType type, const QString& format,
                                                           char** options);
+    // True when `format` names a GDAL raster driver that can create or copy into a file.
+    bool CanWriteRaster(const QString& format) const;
+    // Why `bands` bands of `type` cannot be written as `format`, empty when they can. A
+    // conversion that a copy-only format makes on the way comes back in `warning`, as GDAL says it.
+    QString OutputFormatProblem(const QString& format, int bands, PixelDataType type, QString* warning) const;
+    // Removes a written raster with the side files its driver knows; false when nothing was there.
+    static bool DeleteRaster(const QString& path);
     // Copies the RPC metadata domain and any RPC side file (.RPB, _rpc.txt) of source to target.
     static bool CopyRPCFile(RasterDataset* source, RasterDataset* target);
 

@@ -1,5 +1,6 @@
 #pragma once
 #include <QString>
+#include <QStringList>
 
 namespace OrvDataSource {
 
@@ -12,6 +13,16 @@ struct GdalError {
 
 void InstallGdalErrorHandler();
 GdalError LastGdalError();
+// Also forgets the failures below: a host calls it when a run starts.
 void ClearGdalError();
+
+// A run's I/O failures are facts the host keeps: every read, write, flush, close or copy that
+// failed since ClearGdalError(), as "writing out.tif failed: <GDAL's reason>".
+QStringList RecordedFailures();
+void RecordFailure(const QString& what, const QString& path);
+// Every failure GDAL reported since ClearGdalError(), also those no operation of ours returned
+// (a dirty block written back while another raster was read).
+QStringList GdalFailures();
+int GdalFailureCount();
 
 } // namespace OrvDataSource

@@ -1,4 +1,6 @@
 #pragma once
+#include <QString>
+
 
 namespace OrvDataSource {
 
@@ -25,5 +27,11 @@ enum OpenMode {
 
 // Bytes of one pixel of the type, 0 for codes outside 1..11.
 int PixelTypeSize(PixelDataType type);
+
+// GDAL's name of the type ("Byte", "CInt16"), "Unknown" outside 1..11.
+QString PixelTypeName(PixelDataType type);
+
+// Codes 8 to 11: the complex types, which no transform reads.
+inline bool IsComplexType(PixelDataType type) { return type >= PDT_CInt16 && type <= PDT_CFloat64; }
 
 } // namespace OrvDataSource

@@ -1,12 +1,11 @@
 #include "OrvDataSource/RasterBand.h"
 #include "OrvDataSource/RasterDataset.h"
+#include "OrvDataSource/GdalErrors.h"
+#include "OrvDataSource/GdalTypeMap.h"
 
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
-
-GDALDataType ToGDALType(PixelDataType type);
-PixelDataType FromGDALType(GDALDataType type);
 
 RasterBand::RasterBand(RasterDataset* owner, GDALRasterBand* poBand) : m_owner(owner), m_poBand(poBand) {}
 RasterBand::~RasterBand() = default;
@@ -44,8 +43,11 @@ bool RasterBand::BlockIO(bool write, int x, int y, int w, int h, void* data, int
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data)
         return false;
-    return m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
-                              pixelSpace, lineSpace, nullptr) == CE_None;
+    if (m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
+                           pixelSpace, lineSpace, nullptr) == CE_None)
+        return true;
+    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), m_owner->GetOutputPath());
+    return false;
 }
 
 } // namespace OrvDataSource

@@ -1,67 +1,11 @@
 #include "OrvDataSource/RasterDataset.h"
 #include "OrvDataSource/GdalErrors.h"
+#include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
-
-GDALDataType ToGDALType(PixelDataType type)
-{
-    switch (type) {
-    case PDT_Byte: return GDT_Byte;
-    case PDT_UInt16: return GDT_UInt16;
-    case PDT_Int16: return GDT_Int16;
-    case PDT_UInt32: return GDT_UInt32;
-    case PDT_Int32: return GDT_Int32;
-    case PDT_Float32: return GDT_Float32;
-    case PDT_Float64: return GDT_Float64;
-    case PDT_CInt16: return GDT_CInt16;
-    case PDT_CInt32: return GDT_CInt32;
-    case PDT_CFloat32: return GDT_CFloat32;
-    case PDT_CFloat64: return GDT_CFloat64;
-    default: return GDT_Unknown;
-    }
-}
-
-PixelDataType FromGDALType(GDALDataType type)
-{
-    switch (type) {
-    case GDT_Byte: return PDT_Byte;
-    case GDT_UInt16: return PDT_UInt16;
-    case GDT_Int16: return PDT_Int16;
-    case GDT_UInt32: return PDT_UInt32;
-    case GDT_Int32: return PDT_Int32;
-    case GDT_Float32: return PDT_Float32;
-    case GDT_Float64: return PDT_Float64;
-    case GDT_CInt16: return PDT_CInt16;
-    case GDT_CInt32: return PDT_CInt32;
-    case GDT_CFloat32: return PDT_CFloat32;
-    case GDT_CFloat64: return PDT_CFloat64;
-    default: return PDT_Unknown;
-    }
-}
-
-QString SpatialReference::ExportToWkt() const
-{
-    char* wkt = nullptr;
-    m_srs.exportToWkt(&wkt);
-    QString s = QString::fromUtf8(wkt ? wkt : "");
-    CPLFree(wkt);
-    return s;
-}
-
-Dataset::Dataset(GDALDataset* poDS, const QString& path) : m_poDS(poDS), m_strPath(path) {}
-
-Dataset::~Dataset() { CloseGDAL(); }
-
-void Dataset::CloseGDAL()
-{
-    if (m_poDS) {
-        GDALClose(GDALDataset::ToHandle(m_poDS));
-        m_poDS = nullptr;
-    }
-}
 
 RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path) {}
 
@@ -69,25 +13,37 @@ RasterDataset::~RasterDataset()
 {
     if (m_strCopyTarget.isEmpty())
         return;
-    CloseGDAL();
-    const QByteArray tmp = m_strPath.toUtf8();
+    CloseGDAL(m_strCopyTarget);
+    CopyToTarget();
+    GDALDeleteDataset(nullptr, m_strPath.toUtf8().constData());
+    QFile::remove(m_strPath);
+}
+
+void RasterDataset::CopyToTarget()
+{
     const QByteArray target = m_strCopyTarget.toUtf8();
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(m_strCopyDriver.toUtf8().constData());
-    GDALDataset* src = GDALDataset::Open(tmp.constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
-    if (driver && src) {
-        GDALDataset* copy = driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr);
-        if (copy)
-            GDALClose(GDALDataset::ToHandle(copy));
-    }
+    GDALDataset* src = GDALDataset::Open(m_strPath.toUtf8().constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
+    const int before = GdalFailureCount();
+    GDALDataset* copy = driver && src ? driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr)
+                                      : nullptr;
+    if (copy)
+        GDALClose(GDALDataset::ToHandle(copy));
     if (src)
         GDALClose(GDALDataset::ToHandle(src));
-    GDALDeleteDataset(nullptr, tmp.constData());
-    QFile::remove(m_strPath);
+    if (!copy || GdalFailureCount() > before) {
+        // Whatever the driver left of a failed copy is not a raster the user can use.
+        RecordFailure(QStringLiteral("copying to ") + m_strCopyDriver, m_strCopyTarget);
+        if (driver && copy)
+            GDALDeleteDataset(GDALDriver::ToHandle(driver), target.constData());
+        QFile::remove(m_strCopyTarget);
+    }
 }
 
 int RasterDataset::GetRasterXSize() const { return m_poDS->GetRasterXSize(); }
 int RasterDataset::GetRasterYSize() const { return m_poDS->GetRasterYSize(); }
 int RasterDataset::GetBandCount() const { return m_poDS->GetRasterCount(); }
+int RasterDataset::GetGCPCount() const { return m_poDS->GetGCPCount(); }
 
 void RasterDataset::GetGeoTransform(double* gt) const
 {
@@ -156,8 +112,11 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
         return false;
-    return m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
-                            const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None;
+    if (m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
+                         const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None)
+        return true;
+    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), GetOutputPath());
+    return false;
 }
 
 bool RasterDataset::SetGeoTransform(const double* gt)

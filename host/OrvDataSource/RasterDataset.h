@@ -18,6 +18,8 @@ public:
     int GetRasterXSize() const;
     int GetRasterYSize() const;
     int GetBandCount() const;
+    // Ground control points; a raster georeferenced by them has no coordinate system of its own.
+    int GetGCPCount() const;
     void GetGeoTransform(double* gt) const;
     OrvUtility::_ptr_t<RasterBand> GetRasterBand(int index) const;
 
@@ -44,6 +46,7 @@ public:
     QString GetOutputPath() const { return m_strCopyTarget.isEmpty() ? m_strPath : m_strCopyTarget; }
 
 private:
+    void CopyToTarget();
     bool RasterIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
                   PixelDataType type, int bandCount, const int* bands,
                   long long pixelSpace, long long lineSpace, long long bandSpace);

@@ -89,6 +89,18 @@ void RotateRow(const float* src, float* dst, int width, int shift)
 
 } // namespace
 
+// The size and the centre, (floor(W/2), floor(H/2)), both ways.
+struct CentreGeometry {
+    int width, height, hW, hH;
+};
+
+// A row's real and imaginary parts.
+struct RowPair {
+    explicit RowPair(int width) : re(NewSamples<float>(width)), im(NewSamples<float>(width)) {}
+    explicit operator bool() const { return re && im; }
+    TypedBuffer<float> re, im;
+};
+
 // One band in row blocks of L rows: each block is the rows' real parts, row after row, then
 // their imaginary parts in the same order. The whole band stays resident.
 class FftBandBlocks {
@@ -175,6 +187,15 @@ private:
     std::vector<BlockBuffer> m_blocks;
 };
 
+namespace {
+
+CentreGeometry Centre(const FftBandBlocks& blocks)
+{
+    return {blocks.Width(), blocks.Height(), blocks.Width() / 2, blocks.Height() / 2};
+}
+
+} // namespace
+
 TavTransFFTFuncNew::~TavTransFFTFuncNew() { FftFreeWorkspace(&m_workspace); }
 
 TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenBlockReader(const QString& input)
@@ -221,6 +242,24 @@ private:
     long long m_bands, m_pixels;
 };
 
+template <class BandPasses>
+bool TavTransFFTFuncNew::EachBand(int count, OrvDataSource::RasterDataset& in, const char* message,
+                                  BandPasses&& passes)
+{
+    const int width = in.GetRasterXSize();
+    const int height = in.GetRasterYSize();
+    const ProgressSpan progress = RunProgress(Context(), message);
+    const FftRunUnits units(count, width, height);
+    for (int i = 0; i < count; ++i) {
+        progress.Report(i, count);
+        FftBandBlocks blocks(width, height);
+        const auto pass = [&](int p) { return units.Pass(progress, i, p); };
+        if (!passes(i, blocks, pass))
+            return false;
+    }
+    return true;
+}
+
 bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output, const QString& format,
                                     std::vector<int> bands)
 {
@@ -228,24 +267,16 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
     RasterPtr in = OpenInput(input);
     if (!in || !CheckBands(bands, in->GetBandCount()))
         return false;
-    const int width = in->GetRasterXSize();
-    const int height = in->GetRasterYSize();
     const int bandCount = static_cast<int>(bands.size());
     RasterPtr out = CreateLike(*in, output, 2 * bandCount, PDT_Float32, format);
     if (!out)
         return false;
-
-    const ProgressSpan progress = RunProgress(Context(), "Forward FFT Transform is running...");
-    const FftRunUnits units(bandCount, width, height);
-    for (int i = 0; i < bandCount; ++i) {
-        progress.Report(i, bandCount);
-        FftBandBlocks blocks(width, height);
-        if (!ReadAndTransformRows(input, bands[i], blocks, units.Pass(progress, i, 0)) ||
-            !TransformColumns(blocks, +1, -1.0, units.Pass(progress, i, 1)) ||
-            !WriteCentred(*out, 2 * i, blocks, units.Pass(progress, i, 2)))
-            return false;
-    }
-    return true;
+    return EachBand(bandCount, *in, "Forward FFT Transform is running...",
+                    [&](int i, FftBandBlocks& blocks, const auto& pass) {
+                        return ReadAndTransformRows(input, bands[i], blocks, pass(0)) &&
+                               TransformColumns(blocks, +1, -1.0, pass(1)) &&
+                               WriteCentred(*out, 2 * i, blocks, pass(2));
+                    });
 }
 
 bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output, int outTypeIndex,
@@ -257,8 +288,6 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
         return false;
     if (outTypeIndex < 0 || outTypeIndex > 6)
         return Fail(kContext, "Invalid output data type: the index must lie between 0 (Byte) and 6 (Float64)!");
-    const int width = in->GetRasterXSize();
-    const int height = in->GetRasterYSize();
     // Bands come in (real, imaginary) pairs; an odd last band has no partner and is left out. With
     // no pair at all the creation of a band-less output fails.
     const int outCount = in->GetBandCount() / 2;
@@ -266,23 +295,17 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
     RasterPtr out = CreateLike(*in, output, outCount, outType, format);
     if (!out)
         return false;
-
-    const ProgressSpan progress = RunProgress(Context(), "Inverse FFT Transform is running...");
-    const FftRunUnits units(outCount, width, height);
-    for (int i = 0; i < outCount; ++i) {
-        progress.Report(i, outCount);
-        FftBandBlocks blocks(width, height);
-        for (int b = 0; b < blocks.BlockCount(); ++b)
-            if (!blocks.AppendZeroed())
-                return Fail(kContext, "Apply memory Fail!");
-        auto outBand = out->GetRasterBand(i);
-        if (!UncentreConjugated(input, 2 * i + 1, blocks, units.Pass(progress, i, 0)) ||
-            !TransformBlockRows(blocks, -1, 0.0, units.Pass(progress, i, 1)) ||
-            !TransformColumns(blocks, -1, 0.0, units.Pass(progress, i, 2)) ||
-            !WriteRealHalves(*outBand, blocks, outType))
-            return false;
-    }
-    return true;
+    return EachBand(outCount, *in, "Inverse FFT Transform is running...",
+                    [&](int i, FftBandBlocks& blocks, const auto& pass) {
+                        for (int b = 0; b < blocks.BlockCount(); ++b)
+                            if (!blocks.AppendZeroed())
+                                return Fail(kContext, "Apply memory Fail!");
+                        auto outBand = out->GetRasterBand(i);
+                        return UncentreConjugated(input, 2 * i + 1, blocks, pass(0)) &&
+                               TransformBlockRows(blocks, -1, 0.0, pass(1)) &&
+                               TransformColumns(blocks, -1, 0.0, pass(2)) &&
+                               WriteRealHalves(*outBand, blocks, outType);
+                    });
 }
 
 bool TavTransFFTFuncNew::CheckBands(const std::vector<int>& bands, int bandCount)
@@ -319,13 +342,9 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(const QString& input, int bandNumb
 bool TavTransFFTFuncNew::UncentreConjugated(const QString& input, int realBandNumber, FftBandBlocks& blocks,
                                             const ProgressPass& pass)
 {
-    const int width = blocks.Width();
-    const int height = blocks.Height();
-    const int hW = width / 2;
-    const int hH = height / 2;
-    auto rowRe = NewSamples<float>(width);
-    auto rowIm = NewSamples<float>(width);
-    if (!rowRe || !rowIm)
+    const auto [width, height, hW, hH] = Centre(blocks);
+    const RowPair row(width);
+    if (!row)
         return Fail(kContext, "Apply memory Fail!");
     RasterPtr reader;
     for (int y = 0; y < height; ++y) {
@@ -334,13 +353,13 @@ bool TavTransFFTFuncNew::UncentreConjugated(const QString& input, int realBandNu
         if (y % blocks.RowsPerBlock() == 0)
             reader = OpenBlockReader(input);
         const int source = (y + hH) % height;
-        if (!reader || !ReadFloatRows(*reader, realBandNumber, source, 1, width, rowRe.get()) ||
-            !ReadFloatRows(*reader, realBandNumber + 1, source, 1, width, rowIm.get()))
+        if (!reader || !ReadFloatRows(*reader, realBandNumber, source, 1, width, row.re.get()) ||
+            !ReadFloatRows(*reader, realBandNumber + 1, source, 1, width, row.im.get()))
             return Fail(kContext, "Failed to read the input file!");
         // Column (x + hW) mod W goes back to x; rotating by W - hW does exactly that.
-        RotateRow(rowRe.get(), blocks.ReRow(y), width, width - hW);
+        RotateRow(row.re.get(), blocks.ReRow(y), width, width - hW);
         float* im = blocks.ImRow(y);
-        RotateRow(rowIm.get(), im, width, width - hW);
+        RotateRow(row.im.get(), im, width, width - hW);
         // The conjugate on the way in, so that the -1 passes below pair with the forward run.
         for (int x = 0; x < width; ++x)
             im[x] = -im[x];
@@ -398,13 +417,9 @@ bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, doubl
 
 bool TavTransFFTFuncNew::WriteCentred(RasterDataset& out, int firstBand, FftBandBlocks& blocks, const ProgressPass& pass)
 {
-    const int width = blocks.Width();
-    const int height = blocks.Height();
-    const int hW = width / 2;
-    const int hH = height / 2;
-    auto rowRe = NewSamples<float>(width);
-    auto rowIm = NewSamples<float>(width);
-    if (!rowRe || !rowIm)
+    const auto [width, height, hW, hH] = Centre(blocks);
+    const RowPair row(width);
+    if (!row)
         return Fail(kContext, "Apply memory Fail!");
     auto realBand = out.GetRasterBand(firstBand);
     auto imagBand = out.GetRasterBand(firstBand + 1);
@@ -412,11 +427,11 @@ bool TavTransFFTFuncNew::WriteCentred(RasterDataset& out, int firstBand, FftBand
         if (!pass.PollAndReport(y))
             return LeaveCancelled();
         // A circular quadrant swap: the zero frequency lands on (floor(W/2), floor(H/2)).
-        RotateRow(blocks.ReRow(y), rowRe.get(), width, hW);
-        RotateRow(blocks.ImRow(y), rowIm.get(), width, hW);
+        RotateRow(blocks.ReRow(y), row.re.get(), width, hW);
+        RotateRow(blocks.ImRow(y), row.im.get(), width, hW);
         const int target = (y + hH) % height;
-        if (!realBand->WriteBlock(0, target, width, 1, rowRe.get(), width, 1, PDT_Float32, 0, 0) ||
-            !imagBand->WriteBlock(0, target, width, 1, rowIm.get(), width, 1, PDT_Float32, 0, 0))
+        if (!realBand->WriteBlock(0, target, width, 1, row.re.get(), width, 1, PDT_Float32, 0, 0) ||
+            !imagBand->WriteBlock(0, target, width, 1, row.im.get(), width, 1, PDT_Float32, 0, 0))
             return Fail(kContext, "Failed to write the output file!");
         if (blocks.IsLastRowOfBlock(y))
             blocks.Release(y / blocks.RowsPerBlock());

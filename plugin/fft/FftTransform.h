@@ -21,6 +21,10 @@ public:
     bool InverseRun(const QString& input, const QString& output, int outTypeIndex, const QString& format);
 
 private:
+    // Runs passes(i, blocks, pass) for output band i = 0 .. count - 1 with fresh blocks, pass(p)
+    // being the progress of its pass p; false as soon as one band's passes fail.
+    template <class BandPasses>
+    bool EachBand(int count, OrvDataSource::RasterDataset& in, const char* message, BandPasses&& passes);
     // Every step returns false after leaving its reason: the cancelled exit or a failure text.
     bool CheckBands(const std::vector<int>& bands, int bandCount);
     // Both runs: null when the input cannot be opened, or is too wide (with a text).

@@ -49,6 +49,18 @@ bool ClearTypedBuffer(void* buffer, int type, long long count)
     return true;
 }
 
+float ToFloatSample(double value)
+{
+    constexpr double kMax = std::numeric_limits<float>::max();
+    // Half a unit in the last place above the largest float still rounds down to it.
+    constexpr double kRoundsToInfinity = kMax + 0x1p103;
+    if (value > kMax)
+        return value >= kRoundsToInfinity ? std::numeric_limits<float>::infinity() : std::numeric_limits<float>::max();
+    if (value < -kMax)
+        return value <= -kRoundsToInfinity ? -std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::max();
+    return static_cast<float>(value);
+}
+
 float* ToFloatArray(const void* source, long long count, int type)
 {
     auto* out = static_cast<float*>(NewTypedBuffer(OrvDataSource::PDT_Float32, count > 0 ? count : 0));
@@ -59,7 +71,10 @@ float* ToFloatArray(const void* source, long long count, int type)
         using T = typename decltype(tag)::type;
         const T* in = static_cast<const T*>(source);
         for (long long i = 0; i < count; ++i)
-            out[i] = static_cast<float>(in[i]);
+            if constexpr (std::is_same_v<T, double>)
+                out[i] = ToFloatSample(in[i]);
+            else
+                out[i] = static_cast<float>(in[i]);
     });
     if (!converted)
         std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));
@@ -68,18 +83,24 @@ float* ToFloatArray(const void* source, long long count, int type)
 
 namespace {
 
-unsigned long long FileSystemFreeBytes(const QString& folder)
+// The drive of a folder that does not exist yet is the one of its nearest existing parent.
+DriveSpace FileSystemSpace(const QString& folder)
 {
+    std::filesystem::path path(QFile::encodeName(folder).toStdString());
     std::error_code ec;
-    const auto info = std::filesystem::space(QFile::encodeName(folder).toStdString(), ec);
-    return ec ? 0 : info.available;
+    while (!path.empty() && !std::filesystem::exists(path, ec) && path.has_parent_path() && path.parent_path() != path)
+        path = path.parent_path();
+    const auto info = std::filesystem::space(path, ec);
+    if (ec)
+        return {};
+    return {info.free, info.available};
 }
 
 } // namespace
 
 FreeSpaceQuery& FreeSpaceSeam()
 {
-    static FreeSpaceQuery query = FileSystemFreeBytes;
+    static FreeSpaceQuery query = FileSystemSpace;
     return query;
 }
 
@@ -90,6 +111,6 @@ bool EnoughFreeSpace(const QString& outputPath, double requiredBytes)
     // The drive of a relative path is the file system that holds the output's folder.
     const QString folder = QFileInfo(outputPath).absolutePath();
     const float required = static_cast<float>(requiredBytes);
-    const float available = static_cast<float>(FreeSpaceSeam()(folder));
-    return !(required > available - 104857600.0f);
+    const float free = static_cast<float>(FreeSpaceSeam()(folder).freeBytes);
+    return !(required > free - 104857600.0f);
 }

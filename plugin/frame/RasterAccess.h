@@ -21,6 +21,8 @@ void* NewTypedBuffer(int type, long long count);
 void FreeTypedBuffer(void* buffer);
 // Zeroes (bits / 8) × count bytes; false for a null pointer.
 bool ClearTypedBuffer(void* buffer, int type, long long count);
+// The nearest float; beyond the float range ±infinity, as the hardware rounds, NaN kept.
+float ToFloatSample(double value);
 // A new zero-filled Float32 copy of count samples of the type (unknown types stay 0);
 // a count below 1 gives a zero-length array. Free with FreeTypedBuffer; null when memory is short.
 float* ToFloatArray(const void* source, long long count, int type);
@@ -71,9 +73,15 @@ bool DispatchPixelType(int type, Fn&& fn)
 }
 
 // Free-space check before an output of predictable size is created: true when at least 100 MiB
-// would be left, or when the path begins with "/" or "\" (such paths are not checked).
+// of the drive's free bytes would be left, or when the path begins with "/" or "\" (such paths
+// are not checked).
 bool EnoughFreeSpace(const QString& outputPath, double requiredBytes);
 
-// Free bytes of the file system holding `folder`; tests replace it to fake a full disk.
-using FreeSpaceQuery = std::function<unsigned long long(const QString& folder)>;
+// What a drive query tells of the file system holding `folder`: its free bytes and the part of
+// them this process may use. Tests replace the query to fake a full disk.
+struct DriveSpace {
+    unsigned long long freeBytes = 0;
+    unsigned long long availableBytes = 0;
+};
+using FreeSpaceQuery = std::function<DriveSpace(const QString& folder)>;
 FreeSpaceQuery& FreeSpaceSeam();

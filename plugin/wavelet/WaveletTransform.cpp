@@ -7,7 +7,6 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <gdal_priv.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -79,7 +78,7 @@ void PlaceOnInput(RasterDataset& in, RasterDataset& out, const PixelWindow& win)
     ShiftOrigin(gt, win.x0, win.y0);
     out.SetGeoTransform(gt);
     const auto srs = in.GetSpatialReference();
-    if (srs && in.GetGDALDataset()->GetGCPCount() == 0)
+    if (srs && in.GetGCPCount() == 0)
         out.SetSpatialReference(srs);
 }
 

@@ -1,3 +1,4 @@
+#include "AlgoHarness.h"
 #include "TestSupport.h"
 #include "frame/RasterAccess.h"
 
@@ -52,6 +53,7 @@ TEST(ToFloatArray, ConvertsEachTypeByValue)
     const uint32_t u32[] = {4294967295u, 16777217u};
     const int32_t i32[] = {-2147483647 - 1, 7};
     const double f64[] = {1e300, -0.1};
+    const double f64Edges[] = {-1e300, 3.4028235e38};
     const uint8_t u8[] = {255, 1};
     struct Case { const void* src; int type; float a, b; };
     const Case cases[] = {
@@ -61,6 +63,8 @@ TEST(ToFloatArray, ConvertsEachTypeByValue)
         {u32, 4, 4294967296.0f, 16777216.0f}, // nearest floats
         {i32, 5, -2147483648.0f, 7.0f},
         {f64, 7, std::numeric_limits<float>::infinity(), -0.1f},
+        // just above the largest float but nearer to it than to infinity
+        {f64Edges, 7, -std::numeric_limits<float>::infinity(), std::numeric_limits<float>::max()},
         {u8, 9, 0.0f, 0.0f}, // complex: left at 0
     };
     for (const Case& c : cases) {
@@ -80,43 +84,31 @@ TEST(DispatchPixelType, HandsTheMatchingCppType)
     EXPECT_FALSE(DispatchPixelType(8, [](auto) { ADD_FAILURE(); }));
 }
 
-// Replaces the free-space query for one test.
-class FreeSpace : public ::testing::Test {
-protected:
-    void SetUp() override { saved = FreeSpaceSeam(); }
-    void TearDown() override { FreeSpaceSeam() = saved; }
-    void Fake(unsigned long long bytes)
-    {
-        FreeSpaceSeam() = [bytes, this](const QString& folder) { asked = folder; return bytes; };
-    }
-    FreeSpaceQuery saved;
-    QString asked;
-};
-
 constexpr double MiB = 1024.0 * 1024.0;
 
-TEST_F(FreeSpace, LeavesAHundredMebibytesComparedInSinglePrecision)
+// The drive's free bytes count, not the caller's share of them (reserved blocks aside), with 100 MiB
+// left over, compared in single precision.
+TEST(FreeSpace, LeavesAHundredMebibytesOfTheDrivesFreeBytes)
 {
-    Fake(static_cast<unsigned long long>(300 * MiB));
-    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB)) << "exactly 100 MiB left is enough";
-    EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB + 1)) << "one byte over vanishes in a float";
-    EXPECT_FALSE(EnoughFreeSpace("out.tif", 200 * MiB + 64));
-    EXPECT_EQ(asked, QFileInfo("out.tif").absolutePath());
-    Fake(50 * 1024 * 1024);
+    {
+        tavtest::FakeFreeSpace drive(static_cast<unsigned long long>(300 * MiB), 0);
+        EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB)) << "exactly 100 MiB left is enough";
+        EXPECT_TRUE(EnoughFreeSpace("out.tif", 200 * MiB + 1)) << "one byte over vanishes in a float";
+        EXPECT_FALSE(EnoughFreeSpace("out.tif", 200 * MiB + 64));
+        EXPECT_EQ(drive.asked, QFileInfo("out.tif").absolutePath());
+    }
+    tavtest::FakeFreeSpace nearlyFull(50 * 1024 * 1024);
     EXPECT_FALSE(EnoughFreeSpace("sub/out.tif", 0)) << "a nearly full disk refuses even an empty output";
-}
-
-TEST_F(FreeSpace, PathsStartingWithASlashOrBackslashAreNotChecked)
-{
-    Fake(0);
-    EXPECT_TRUE(EnoughFreeSpace("/data/out.tif", 1e12));
-    EXPECT_TRUE(EnoughFreeSpace("\\\\server\\share\\out.tif", 1e12));
     EXPECT_FALSE(EnoughFreeSpace("./out.tif", 1));
+    EXPECT_TRUE(EnoughFreeSpace("/data/out.tif", 1e12)) << "paths from the root are not checked";
+    EXPECT_TRUE(EnoughFreeSpace("\\\\server\\share\\out.tif", 1e12)) << "nor network shares";
 }
 
-TEST(FreeSpaceQueryDefault, AsksTheRealFileSystem)
+TEST(FreeSpaceQueryDefault, AsksTheRealFileSystemAlsoForAFolderNotMadeYet)
 {
-    EXPECT_GT(FreeSpaceSeam()(QString::fromStdString(std::filesystem::temp_directory_path().string())), 0u);
+    const auto temp = QString::fromStdString(std::filesystem::temp_directory_path().string());
+    EXPECT_GT(FreeSpaceSeam()(temp).freeBytes, 0u);
+    EXPECT_GT(FreeSpaceSeam()(temp + "/no-such-folder/deeper").freeBytes, 0u);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "OrvDataSource/DatasetFactory.h"
 #include "TestSupport.h"
 
+#include <gdal_utils.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -172,6 +173,15 @@ TEST(Metadata, NoDataSpatialReferenceAndGeoTransformSurviveAReopen)
     bare.geo = false;
     tavtest::WriteRaster(dir.file("bare.tif"), bare, [](int, int, int) { return 0; });
     EXPECT_FALSE(factory->OpenRasterDataset(dir.qfile("bare.tif"), OM_Read)->GetSpatialReference());
+    {
+        GDAL_GCP gcp[2];
+        GDALInitGCPs(2, gcp);
+        auto gcps = factory->OpenRasterDataset(dir.qfile("bare.tif"), OM_Update);
+        EXPECT_EQ(gcps->GetGCPCount(), 0);
+        gcps->GetGDALDataset()->SetGCPs(2, gcp, static_cast<const OGRSpatialReference*>(nullptr));
+        EXPECT_EQ(gcps->GetGCPCount(), 2);
+        GDALDeinitGCPs(2, gcp);
+    }
 }
 
 const char* kRpb =
@@ -192,6 +202,7 @@ TEST(Metadata, RpcDomainAndSideFileAreCopied)
     shape.geo = false;
     tavtest::WriteRaster(dir.file("scene.tif"), shape, [](int, int, int) { return 1; });
     tavtest::WriteText(dir.file("scene.RPB"), kRpb);
+    tavtest::WriteText(dir.file("copy.RPB"), "stale"); // an earlier run's side file is replaced
     auto* factory = DatasetFactory::Instance();
     {
         auto in = factory->OpenRasterDataset(dir.qfile("scene.tif"), OM_Read);
@@ -200,7 +211,7 @@ TEST(Metadata, RpcDomainAndSideFileAreCopied)
         EXPECT_FALSE(out->GetMetadata("RPC"));
         EXPECT_TRUE(DatasetFactory::CopyRPCFile(in.get(), out.get()));
     }
-    EXPECT_TRUE(tavtest::Exists(dir.file("copy.RPB")));
+    EXPECT_EQ(tavtest::ReadFile(dir.file("copy.RPB")), kRpb);
     auto back = factory->OpenRasterDataset(dir.qfile("copy.tif"), OM_Read);
     char** rpc = back->GetMetadata("RPC");
     ASSERT_TRUE(rpc);
@@ -223,6 +234,13 @@ TEST(CopyOnlyFormats, PngOutputIsWrittenThroughATemporaryGTiff)
     EXPECT_EQ(back, (std::vector<double>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_FALSE(tavtest::Exists(png.toStdString() + ".tmp.tif"));
     EXPECT_EQ(tavtest::Info(png.toStdString()).type, GDT_Byte);
+    // A copy that fails at the end is a recorded failure, and nothing is left under the name.
+    ClearGdalError();
+    DatasetFactory::Instance()->CreateRasterDataset(dir.qfile("five.png"), 5, 2, 5, PDT_Byte, "PNG", nullptr);
+    ASSERT_EQ(RecordedFailures().size(), 1);
+    EXPECT_TRUE(RecordedFailures()[0].startsWith("copying to PNG " + dir.qfile("five.png") + " failed: PNG driver"));
+    EXPECT_FALSE(tavtest::Exists(dir.file("five.png")));
+    EXPECT_FALSE(tavtest::Exists(dir.file("five.png.tmp.tif")));
 }
 
 TEST(OpenFailures, MissingAndNonRasterFilesGiveNullWithGdalMessageAndNoOutput)
@@ -264,6 +282,26 @@ TEST(ReadFailures, TruncatedFileYieldsZeroFilledBufferNotNull)
     const auto* px = static_cast<const uint16_t*>(buf->GetData());
     EXPECT_TRUE(std::all_of(px, px + 256, [](uint16_t v) { return v == 0; }));
     EXPECT_FALSE(LastGdalError().strMessage.isEmpty());
+    ASSERT_FALSE(RecordedFailures().isEmpty());
+    EXPECT_TRUE(RecordedFailures()[0].startsWith("reading " + dir.qfile("t.tif") + " failed: ")) << "the failure is kept";
+}
+
+// One buffer for bands of several types comes in the first listed band's type.
+TEST(ReadRaster, TakesTheTypeOfTheFirstListedBand)
+{
+    TempDir dir;
+    tavtest::WriteRaster(dir.file("byte.tif"), tavtest::Shape(3, 2, 1, GDT_Byte), [](int, int x, int) { return x; });
+    tavtest::WriteRaster(dir.file("wide.tif"), tavtest::Shape(3, 2, 1, GDT_Int16), [](int, int x, int) { return -x; });
+    const std::string byte = dir.file("byte.tif"), wide = dir.file("wide.tif");
+    const char* names[] = {byte.c_str(), wide.c_str()};
+    const char* argv[] = {"-separate", nullptr};
+    GDALBuildVRTOptions* options = GDALBuildVRTOptionsNew(const_cast<char**>(argv), nullptr);
+    GDALClose(GDALBuildVRT(dir.file("mixed.vrt").c_str(), 2, nullptr, names, options, nullptr));
+    GDALBuildVRTOptionsFree(options);
+    auto ds = DatasetFactory::Instance()->OpenRasterDataset(dir.qfile("mixed.vrt"), OM_Read);
+    ASSERT_TRUE(ds);
+    EXPECT_EQ(ds->ReadRaster(0, 0, 3, 1, 3, 1, {1, 2})->GetDataType(), PDT_Byte);
+    EXPECT_EQ(ds->ReadRaster(0, 0, 3, 1, 3, 1, {2, 1})->GetDataType(), PDT_Int16);
 }
 
 TEST(Create, UnknownFormatAndUnwritableFolderGiveNull)
@@ -273,6 +311,12 @@ TEST(Create, UnknownFormatAndUnwritableFolderGiveNull)
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("a.tif"), 2, 2, 1, PDT_Byte, "NoSuchFormat", nullptr));
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("nofolder/a.tif"), 2, 2, 1, PDT_Byte, "GTiff", nullptr));
     EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("b.tif"), 2, 2, 1, PDT_Unknown, "GTiff", nullptr));
+    // ENVI would take a raster without bands; no run asks for one on purpose.
+    EXPECT_FALSE(factory->CreateRasterDataset(dir.qfile("c.img"), 2, 2, 0, PDT_Byte, "ENVI", nullptr));
+    for (const char* format : {"NoSuchFormat", "ESRI Shapefile"})
+        EXPECT_FALSE(factory->CanWriteRaster(format)) << format;
+    for (const char* format : {"GTiff", "PNG"})
+        EXPECT_TRUE(factory->CanWriteRaster(format)) << format << " (PNG by copy)";
 }
 
 TEST(Create, EnvelopeFormSetsANorthUpGeoTransform)

@@ -3,6 +3,7 @@
 #include "frame/RasterAccess.h"
 #include "kt/KTTransformFunc.h"
 
+#include <gdal_utils.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -60,27 +61,12 @@ double Tolerance(int sensor, const std::vector<double>& used)
     return 4e-7 * mag * 8 + 1e-6;
 }
 
-struct TypeRange {
-    GDALDataType type;
-    double lo, hi;
-    bool integer;
-};
+using tavtest::TypeRange;
 
 const TypeRange kRanges[] = {
-    {GDT_Byte, 0, 255, true},        {GDT_UInt16, 0, 65535, true},   {GDT_Int16, -32768, 32767, true},
-    {GDT_UInt32, 0, 4e9, true},      {GDT_Int32, -2e9, 2e9, true},   {GDT_Float32, -1e4, 1e4, false},
-    {GDT_Float64, -1e6, 1e6, false},
+    {GDT_Byte, 0, 255},   {GDT_UInt16, 0, 65535}, {GDT_Int16, -32768, 32767}, {GDT_UInt32, 0, 4e9},
+    {GDT_Int32, -2e9, 2e9}, {GDT_Float32, -1e4, 1e4}, {GDT_Float64, -1e6, 1e6},
 };
-
-// Pixel values fixed by a seed, for a scene of the given bands and type.
-tavtest::PixelFn RandomPixels(const TypeRange& r, unsigned seed)
-{
-    return [r, seed](int b, int x, int y) {
-        std::mt19937 rng(seed * 7919u + b * 104729u + y * 1299709u + x);
-        const double v = std::uniform_real_distribution<double>(r.lo, r.hi)(rng);
-        return r.integer ? std::floor(v) : static_cast<double>(static_cast<float>(v));
-    };
-}
 
 struct Scene {
     std::string path;
@@ -95,7 +81,7 @@ Scene MakeScene(const TempDir& dir, const std::string& name, int bands, const Ty
     shape.height = h;
     shape.bands = bands;
     shape.type = r.type;
-    Scene s{dir.file(name), RandomPixels(r, bands * 31 + r.type), w, h, bands};
+    Scene s{dir.file(name), tavtest::RandomPixels(r, bands * 31 + r.type), w, h, bands};
     tavtest::WriteRaster(s.path, shape, s.fn);
     return s;
 }
@@ -153,6 +139,27 @@ TEST(BandChoice, SevenBandTMSceneUsesBandSevenAndEightBandsUseOneToSix)
     ExpectComponents(seven, 2, {1, 2, 3, 4, 5, 6}, dir.file("seven_etm.tif"));
     const Scene eight = MakeScene(dir, "eight.tif", 8, kRanges[0]);
     ExpectComponents(eight, 0, {1, 2, 3, 4, 5, 6}, dir.file("eight_tm.tif"));
+}
+
+// A mosaic of a Byte band and wider bands: each is converted from its own type, none clamped to Byte.
+TEST(BandChoice, BandsOfMixedTypesAreEachReadInTheirOwnType)
+{
+    TempDir dir;
+    const tavtest::PixelFn fn = [](int b, int x, int y) { return b == 0 ? 200.0 + x : -500.0 + 400 * b + y; };
+    std::vector<std::string> files;
+    for (int b = 0; b < 6; ++b) {
+        files.push_back(dir.file("b" + std::to_string(b) + ".tif"));
+        tavtest::WriteRaster(files.back(), tavtest::Shape(4, 3, 1, b == 0 ? GDT_Byte : GDT_Int16),
+                             [&](int, int x, int y) { return fn(b, x, y); });
+    }
+    std::vector<const char*> names;
+    for (const auto& f : files)
+        names.push_back(f.c_str());
+    const char* argv[] = {"-separate", nullptr};
+    GDALBuildVRTOptions* options = GDALBuildVRTOptionsNew(const_cast<char**>(argv), nullptr);
+    GDALClose(GDALBuildVRT(dir.file("mixed.vrt").c_str(), 6, nullptr, names.data(), options, nullptr));
+    GDALBuildVRTOptionsFree(options);
+    ExpectComponents({dir.file("mixed.vrt"), fn, 4, 3, 6}, 2, {1, 2, 3, 4, 5, 6}, dir.file("out.tif"));
 }
 
 TEST(BandChoice, FiveBandsFailForSixBandSetsAndServeMss)
@@ -279,13 +286,11 @@ TEST(Failures, LowDiskSpaceLeavesAnEarlierOutputInPlace)
     TempDir dir;
     const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
     tavtest::WriteText(dir.file("earlier.tif"), "an earlier result");
-    const FreeSpaceQuery saved = FreeSpaceSeam();
-    FreeSpaceSeam() = [](const QString&) { return 1024ull * 1024 * 50; };
+    tavtest::FakeFreeSpace nearlyFull(1024ull * 1024 * 50);
     // A relative path: absolute ones are not checked.
     const std::string relative = std::filesystem::relative(dir.file("earlier.tif")).string();
     AlgoHarness h;
     const bool ok = h.Run(TransRecord(4, true, s.path, relative));
-    FreeSpaceSeam() = saved;
     EXPECT_FALSE(ok);
     EXPECT_EQ(h.Code(), 1);
     EXPECT_EQ(h.Text(), QString("Low Disk Space!"));

@@ -1,6 +1,7 @@
 #pragma once
 // Runs the algorithm object the way a host does: a record in the holder, a slot on the signal.
 #include "TavTransformFunc.h"
+#include "frame/RasterAccess.h"
 #include "frame/stTransInfo.h"
 
 #include <QString>
@@ -68,6 +69,26 @@ public:
 private:
     OrvAlgo::ProgressSignal m_signal;
     TavTransformFunc m_algo;
+};
+
+// Replaces the free-space query while it lives: a drive with `freeBytes` free, of which the
+// caller may use `available`.
+class FakeFreeSpace {
+public:
+    explicit FakeFreeSpace(unsigned long long freeBytes, unsigned long long available = 0) : m_saved(FreeSpaceSeam())
+    {
+        FreeSpaceSeam() = [=, this](const QString& folder) {
+            asked = folder;
+            return DriveSpace{freeBytes, available};
+        };
+    }
+    ~FakeFreeSpace() { FreeSpaceSeam() = m_saved; }
+    FakeFreeSpace(const FakeFreeSpace&) = delete;
+    FakeFreeSpace& operator=(const FakeFreeSpace&) = delete;
+    QString asked; // the folder the last query named
+
+private:
+    FreeSpaceQuery m_saved;
 };
 
 inline stTransInfo TransRecord(int type, bool forward, const std::string& in, const std::string& out,

@@ -3,6 +3,7 @@
 #include <cpl_conv.h>
 #include <ogr_spatialref.h>
 
+#include <cmath>
 #include <fstream>
 #include <random>
 #include <stdexcept>
@@ -120,6 +121,24 @@ std::string SampleScene()
 {
     const std::filesystem::path p = std::filesystem::path(TAV_SOURCE_DIR) / ".." / "shared" / "data" / "L7_ETMs.tif";
     return std::filesystem::exists(p) ? p.string() : std::string();
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void PrintTo(const TypeRange& r, std::ostream* os) { *os << GDALGetDataTypeName(r.type); }
+
+PixelFn RandomPixels(const TypeRange& r, unsigned seed)
+{
+    const bool integer = GDALDataTypeIsInteger(r.type);
+    return [r, seed, integer](int b, int x, int y) {
+        std::mt19937 rng(seed * 7919u + b * 104729u + y * 1299709u + x);
+        const double v = std::uniform_real_distribution<double>(r.lo, r.hi)(rng);
+        return integer ? std::floor(v) : v;
+    };
 }
 
 } // namespace tavtest

@@ -5,6 +5,7 @@
 #include <QString>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,17 @@ inline RasterShape Shape(int width, int height, int bands = 1, GDALDataType type
     return s;
 }
 
+// A pixel type with the range its random test pixels are drawn from.
+struct TypeRange {
+    GDALDataType type;
+    double lo, hi;
+};
+void PrintTo(const TypeRange& r, std::ostream* os);
+
+// Repeatable pixels drawn from the range; integer types get whole numbers, floating types keep
+// every digit the draw gives.
+PixelFn RandomPixels(const TypeRange& r, unsigned seed);
+
 // Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
 void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn);
 using RasterSpec = RasterShape; // older name, still used by some suites
@@ -69,6 +81,7 @@ RasterInfo Info(const std::string& path);
 
 bool Exists(const std::string& path);
 void WriteText(const std::string& path, const std::string& text);
+std::string ReadFile(const std::string& path);
 
 // The real Landsat subset shipped beside the project, or empty when it is absent.
 std::string SampleScene();

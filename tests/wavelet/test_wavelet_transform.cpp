@@ -47,28 +47,13 @@ constexpr long long kBudget = 100000000; // Execute's memory budget
 const char* kForwardText = "Forward Wavelet Transform is running...";
 const char* kInverseText = "Inverse Wavelet Transform is running...";
 
-struct TypeRange {
-    GDALDataType type;
-    double lo, hi;
-};
+using tavtest::TypeRange;
 
 // Ranges spanning zero or starting at it, so the peak magnitude is the range or half of it.
 const TypeRange kTypes[] = {
     {GDT_Byte, 0, 255},         {GDT_UInt16, 0, 65535}, {GDT_Int16, -32768, 32767}, {GDT_UInt32, 0, 1e6},
     {GDT_Int32, -1e6, 1e6},     {GDT_Float32, -500, 1e3}, {GDT_Float64, -1e3, 1e3},
 };
-
-void PrintTo(const TypeRange& r, std::ostream* os) { *os << GDALGetDataTypeName(r.type); }
-
-// Repeatable pixels; integer types get whole numbers, Float64 keeps digits a float cannot hold.
-tavtest::PixelFn RandomPixels(const TypeRange& r, unsigned seed)
-{
-    return [r, seed](int b, int x, int y) {
-        std::mt19937 rng(seed * 7919u + b * 104729u + y * 1299709u + x);
-        const double v = std::uniform_real_distribution<double>(r.lo, r.hi)(rng);
-        return r.type == GDT_Float32 || r.type == GDT_Float64 ? v : std::floor(v);
-    };
-}
 
 struct Shape {
     int w, h, bands;
@@ -98,7 +83,7 @@ struct Scene {
 
 Scene MakeScene(const TempDir& dir, const std::string& name, Shape shape, const TypeRange& r = kTypes[5])
 {
-    Scene s{dir.file(name), shape, RandomPixels(r, 1 + shape.w * 131 + shape.h * 17 + r.type)};
+    Scene s{dir.file(name), shape, tavtest::RandomPixels(r, 1 + shape.w * 131 + shape.h * 17 + r.type)};
     tavtest::WriteRaster(s.path, tavtest::Shape(shape.w, shape.h, shape.bands, r.type), s.fn);
     return s;
 }
@@ -132,14 +117,6 @@ void ExpectPercents(const std::vector<double>& got, const std::vector<double>& w
         EXPECT_NEAR(got[i], want[i], 1e-9) << what << " report " << i;
 }
 
-std::string Slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
 // dir/dwt.tif, the forward run of `in` through Execute.
 std::string Dwt(const TempDir& dir, const std::string& in)
 {
@@ -159,19 +136,6 @@ bool Inverse(WaveletTransformFunc& worker, const std::string& in, const std::str
 {
     return worker.Inverse(Q(in), Q(out), "GTiff", type, nullptr, 0, -1, -1, -1, -1, budget);
 }
-
-// Replaces the free-space query for one test and puts the real one back.
-class FakeFreeSpace {
-public:
-    explicit FakeFreeSpace(unsigned long long bytes) : m_saved(FreeSpaceSeam())
-    {
-        FreeSpaceSeam() = [bytes](const QString&) { return bytes; };
-    }
-    ~FakeFreeSpace() { FreeSpaceSeam() = m_saved; }
-
-private:
-    FreeSpaceQuery m_saved;
-};
 
 // Runs with the working folder set to `dir`, so that outputs can be named relative to it.
 class InFolder {
@@ -529,28 +493,16 @@ TEST(BandList, MoreBandsListedThanPresentFailWithoutTextOrOutput)
 
 // --- Failures ---------------------------------------------------------------------------------
 
-TEST(InverseFailure, ByteInputIsRefusedBeforeAnyOutputExists)
-{
-    TempDir dir;
-    const Scene s = MakeScene(dir, "byte.tif", {6, 4, 2}, kTypes[0]);
-    TavTransformFunc algo;
-    WaveletTransformFunc worker(algo.Context());
-    EXPECT_FALSE(Inverse(worker, s.path, dir.file("back.tif")));
-    EXPECT_EQ(worker.ErrorText(), QString("Datatype Error!"));
-    EXPECT_FALSE(Exists(dir.file("back.tif")));
-    EXPECT_FALSE(Exists(dir.file("back_temp.tif")));
-}
-
 TEST(InverseFailure, TemporaryNamedLikeTheInputIsRefusedAndTheInputKept)
 {
     TempDir dir;
     const Scene s = MakeScene(dir, "x_temp.tif", {4, 4, 1});
-    const std::string before = Slurp(s.path);
+    const std::string before = tavtest::ReadFile(s.path);
     TavTransformFunc algo;
     WaveletTransformFunc worker(algo.Context());
     EXPECT_FALSE(Inverse(worker, s.path, dir.file("x.tif")));
     EXPECT_EQ(worker.ErrorText(), QString("OutFile Creat Fail!"));
-    EXPECT_EQ(Slurp(s.path), before);
+    EXPECT_EQ(tavtest::ReadFile(s.path), before);
 }
 
 // Translates every text to "[context] text", so the context a message was looked up in shows.
@@ -593,7 +545,7 @@ TEST(Translation, ForwardLooksUpItsOpenFailureUnderTheFourierLabelAndTheRestUnde
 struct FailureCase {
     const char* name;
     bool forward;
-    const char* input; // "scene", "missing-source" or "huge"
+    const char* input; // "scene", "byte", "missing-source" or "huge"
     const char* output;
     const char* format;
     const char* text;
@@ -607,7 +559,7 @@ TEST_P(RunFailure, FailsWithItsTextAndLeavesNoOutput)
 {
     const FailureCase c = GetParam();
     TempDir dir;
-    std::string in = MakeScene(dir, "scene.tif", {6, 4, 2}).path;
+    std::string in = MakeScene(dir, "scene.tif", {6, 4, 2}, std::string(c.input) == "byte" ? kTypes[0] : kTypes[5]).path;
     if (std::string(c.input) == "missing-source") {
         // A band whose pixels cannot be read: its source file is gone.
         in = dir.file("broken.vrt");
@@ -639,6 +591,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FailureCase{"InverseFolderMissing", false, "scene", "no/folder/o.tif", "GTiff", "OutFile Creat Fail!"},
                       FailureCase{"ForwardUnknownFormat", true, "scene", "o.tif", "NoSuchFormat", "OutFile Creat Fail!"},
                       FailureCase{"InverseUnknownFormat", false, "scene", "o.tif", "NoSuchFormat", "OutFile Creat Fail!"},
+                      FailureCase{"InverseByteInput", false, "byte", "back.tif", "GTiff", "Datatype Error!"},
                       FailureCase{"ForwardUnreadableBand", true, "missing-source", "o.tif", "GTiff", "Convert Data Fail!"},
                       FailureCase{"ForwardNoMemory", true, "huge", "o.vrt", "VRT", "Apply memory Fail!"}),
     [](const auto& info) { return std::string(info.param.name); });
@@ -654,7 +607,7 @@ TEST(DiskSpace, RelativeOutputNeedsItsBytesPlus100MiBFreeAndAbsoluteIsNotChecked
         TavTransformFunc algo;
         WaveletTransformFunc worker(algo.Context());
         const auto run = [&](unsigned long long free, const std::string& out) {
-            FakeFreeSpace fake(free);
+            tavtest::FakeFreeSpace fake(free);
             return forward ? worker.Forward(Q(s.path), Q(out), "GTiff", nullptr, 0, 1, 4, 2, 5)
                            : worker.Inverse(Q(s.path), Q(out), "GTiff", 6, nullptr, 0, 1, 4, 2, 5, kBudget);
         };
@@ -749,9 +702,9 @@ TEST(SideFile, RpcCoefficientsAreCopiedBesideBothOutputs)
     tavtest::WriteText(dir.file("dwt.v2.rpb"), "stale");
     AlgoHarness h;
     ASSERT_TRUE(h.Run(TransRecord(3, true, s.path, dir.file("dwt.v2.tif"))));
-    EXPECT_EQ(Slurp(dir.file("dwt.v2.rpb")), rpc) << "an existing side file is replaced";
+    EXPECT_EQ(tavtest::ReadFile(dir.file("dwt.v2.rpb")), rpc) << "an existing side file is replaced";
     ASSERT_TRUE(h.Run(TransRecord(3, false, dir.file("dwt.v2.tif"), dir.file("back.tif"))));
-    EXPECT_EQ(Slurp(dir.file("back.rpb")), rpc);
+    EXPECT_EQ(tavtest::ReadFile(dir.file("back.rpb")), rpc);
     // Without a side file beside the input, none appears beside the output.
     std::filesystem::remove(dir.path() / "back.rpb");
     ASSERT_TRUE(h.Run(TransRecord(3, true, dir.file("back.tif"), dir.file("plain.tif"))));

@@ -1,0 +1,57 @@
+#include "RunReport.h"
+
+#include "OrvDataSource/DatasetFactory.h"
+#include "OrvDataSource/GdalErrors.h"
+
+#include <cstdio>
+
+using namespace OrvDataSource;
+
+std::string DescribeCode(int code)
+{
+    switch (code) {
+    case 2: return "the input could not be opened";
+    case 100: return "no parameters were given";
+    case -1010: return "the run was cancelled";
+    default: return "the transform failed";
+    }
+}
+
+std::string ExplainPluginText(const QString& text)
+{
+    const QString t = text.trimmed();
+    if (t == "Input file is inconsistent with the sensor type!")
+        return "  -sensor tm needs at least 6 bands, mss 4 and etm 6.";
+    if (t == "Low Disk Space!")
+        return "  Writing OUTPUT would leave less than 100 MiB free on its file system.";
+    if (t == "OutFile Creat Fail!")
+        return "  OUTPUT could not be created in the format asked for.";
+    return {};
+}
+
+bool HostSawFailure() { return !RecordedFailures().isEmpty() || !GdalFailures().isEmpty(); }
+
+std::string RecordedFailureLines()
+{
+    // Our own lines name the file; GDAL's bare messages are shown only when there is none of ours.
+    QStringList lines = RecordedFailures();
+    if (lines.isEmpty())
+        lines = GdalFailures();
+    lines.removeDuplicates();
+    constexpr int kShown = 3; // a failing file repeats itself block after block
+    std::string text;
+    for (int i = 0; i < lines.size() && i < kShown; ++i)
+        text += "  " + lines[i].toStdString() + "\n";
+    if (lines.size() > kShown)
+        text += "  (and " + std::to_string(lines.size() - kShown) + " more)\n";
+    return text;
+}
+
+void ReportHostFailure(const Request& req)
+{
+    std::fprintf(stderr, "ERROR 1: the transform reported success, but GDAL failed during the run:\n%s",
+                 RecordedFailureLines().c_str());
+    for (const std::string& path : req.outputs)
+        if (DatasetFactory::DeleteRaster(QString::fromStdString(path)))
+            std::fprintf(stderr, "Removed %s.\n", path.c_str());
+}
