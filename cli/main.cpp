@@ -2,7 +2,6 @@
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "BandNames.h"
 #include "CommandLine.h"
-#include "PcaStatsCheck.h"
 #include "RunReport.h"
 #include "TermProgress.h"
 
@@ -223,10 +222,6 @@ int main(int argc, char** argv)
         return kUsage;
     case ParseResult::Run:
         break;
-    }
-    if (const std::string problem = PcaStatsProblem(parsed.request); !problem.empty()) {
-        std::fprintf(stderr, "tavtransform: %s\n", problem.c_str());
-        return kUsage;
     }
     return Run(parsed.request);
 }
