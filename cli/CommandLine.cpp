@@ -2,9 +2,11 @@
 
 #include "FileChecks.h"
 #include "Options.h"
+#include "PcaStatsCheck.h"
 #include "Records.h"
 
-// Option parsing, then the file checks that protect the user's data, then the plug-in's record.
+// Option parsing, then the file checks that protect the user's data, then the plug-in's record
+// (and the statistics-file size check that needs it).
 ParseResult ParseCommandLine(const std::vector<std::string>& args)
 {
     Options options;
@@ -13,5 +15,9 @@ ParseResult ParseCommandLine(const std::vector<std::string>& args)
         return parsed;
     if (std::string problem = CheckFiles(options); !problem.empty())
         return Usage(problem, options.command);
-    return BuildRecord(std::move(options));
+    ParseResult result = BuildRecord(std::move(options));
+    if (result.kind == ParseResult::Run)
+        if (std::string problem = PcaStatsProblem(result.request); !problem.empty())
+            return Usage(problem, result.request.command);
+    return result;
 }

@@ -77,7 +77,9 @@ bool TavTransformFunc::ExecuteForwardPCA()
 bool TavTransformFunc::ExecuteInversePCA()
 {
     const stInversePCAInfo info = boost::any_cast<stInversePCAInfo>(m_params);
-    // A fresh engine every time; the one it replaces is left alone (only the last is destroyed).
+    // A fresh engine every time; the one it replaces is not destroyed here but kept until this object goes.
+    if (m_pPCAEngine)
+        m_replacedEngines.emplace_back(m_pPCAEngine);
     m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
     const int status = m_pPCAEngine->InverseDriver(info);
     Report(100);

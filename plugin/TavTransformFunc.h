@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <vector>
 
 class CPCAEngine;
 struct stTransInfo;
@@ -34,6 +36,8 @@ private:
 
     std::atomic<int32_t> m_nCancel{0};
     CPCAEngine* m_pPCAEngine = nullptr;
+    // Engines an inverse run replaced: left alone as the run requires, freed with this object.
+    std::vector<std::unique_ptr<CPCAEngine>> m_replacedEngines;
     RunContext m_context{*this, m_nCancel};
 };
 

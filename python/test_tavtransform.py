@@ -47,7 +47,7 @@ class Runs(unittest.TestCase):
             table = tavtransform.run("pca", SAMPLE, stats=self.path("s.sta"), stats_only=True)
         except tavtransform.Error as e:
             self.skipTest("principal components are not in this build: %s" % e.text)
-        eigen = np.sort(np.linalg.eigvalsh(np.cov(read(SAMPLE)[0].reshape(6, -1).astype(float))))[::-1]
+        eigen = np.sort(np.linalg.eigvalsh(np.cov(read(SAMPLE)[0].reshape(6, -1).astype(float), bias=True)))[::-1]
         np.testing.assert_allclose([row[1] for row in table], eigen, rtol=1e-6)
 
     def test_failures_and_cancellation_raise_and_leave_no_output(self):

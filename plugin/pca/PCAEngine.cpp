@@ -1,19 +1,457 @@
 #include "pca/PCAEngine.h"
-#include "frame/RunContext.h"
+#include "frame/RasterAccess.h"
+#include "frame/RunSteps.h"
+#include "frame/TransWorker.h"
+#include "pca/PCAEigen.h"
+#include "pca/PCAKernels.h"
 
-#include <QCoreApplication>
+#include "OrvDataSource/DatasetFactory.h"
 
-CPCAEngine::CPCAEngine(const QString& input, const RunContext* context) : m_strInput(input), m_pContext(context) {}
-CPCAEngine::~CPCAEngine() = default;
+#include <new>
+#include <optional>
 
-int CPCAEngine::ForwardDriver(const stForwardPCAInfo&)
+using namespace OrvDataSource;
+
+namespace {
+
+const char* kContext = "RSPCA";
+constexpr long long kMi = 1LL << 20;
+constexpr int kRangeRows = 128;
+// Each block is moved in chunks of rows of about this many samples: the sums see the pixels in the
+// same order, and memory stays a few MiB whatever the block holds.
+constexpr long long kChunkSamples = 64 * 1024;
+// Square matrices of this many bands stay near 128 MiB; a statistics file claiming more is refused.
+constexpr int kMaxBands = 4096;
+
+QString ForwardMessage() { return Tr(kContext, "Forward PCA Rotation is running..."); }
+QString InverseMessage() { return Tr(kContext, "Inverse PCA Rotation is running..."); }
+
+std::unique_ptr<double[]> NewZeroed(long long count)
 {
-    m_pContext->SetErrorInfo(1, QCoreApplication::translate("RSPCA", "Principal component rotation is not in this build."));
-    return 14;
+    return std::unique_ptr<double[]>(count > 0 ? new (std::nothrow) double[count]() : nullptr);
 }
 
-int CPCAEngine::InverseDriver(const stInversePCAInfo&)
+OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
 {
-    m_pContext->SetErrorInfo(1, QCoreApplication::translate("RSPCA", "Principal component rotation is not in this build."));
-    return 14;
+    return OrvUtility::dynamic_ptr_cast<RasterDataset>(DatasetFactory::Instance()->OpenDataset(path, OM_Read, QString()));
+}
+
+void PlaceOnInput(RasterDataset& in, RasterDataset& out)
+{
+    CopySpatialReference(in, out);
+    CopyGeoTransform(in, out);
+}
+
+// Pixel-interleaved reads and writes of whole rows: the samples of one pixel side by side.
+template <class T>
+bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
+{
+    const int width = in.GetRasterXSize();
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const long long pixel = static_cast<long long>(sizeof(T)) * bands;
+    return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
+                             bands, numbers.data(), pixel, pixel * width, sizeof(T));
+}
+
+template <class T>
+bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
+{
+    const int width = out.GetRasterXSize();
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const long long pixel = static_cast<long long>(sizeof(T)) * bands;
+    return out.WriteRaster(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
+                           bands, numbers.data(), pixel, pixel * width, sizeof(T));
+}
+
+int ChunkRows(long long blockRows, int width, int bands)
+{
+    return static_cast<int>(std::max(1LL, std::min(blockRows, RowsWithin(kChunkSamples, width, bands))));
+}
+
+// Calls fn(TIn{}, TOut{}) for two pixel type codes; false when either is not 1..7.
+template <class Fn>
+bool DispatchPair(int inType, int outType, Fn&& fn)
+{
+    bool matched = false;
+    DispatchPixelType(inType, [&](auto in) {
+        matched = DispatchPixelType(outType, [&](auto out) { fn(in, out); });
+    });
+    return matched;
+}
+
+} // namespace
+
+CPCAEngine::CPCAEngine(const QString& input, const RunContext* context) : m_strInput(input), m_pContext(context) {}
+
+CPCAEngine::~CPCAEngine() = default;
+
+int CPCAEngine::Fail(int status, const QString& text) const
+{
+    m_pContext->SetErrorInfo(status == 6 ? -1010 : 1, status == 6 ? QString() : text);
+    return status;
+}
+
+int CPCAEngine::Fail(int status, const char* text) const { return Fail(status, Tr(kContext, text)); }
+
+// ---------------------------------------------------------------- forward
+
+int CPCAEngine::ForwardDriver(const stForwardPCAInfo& info)
+{
+    // Without stepwise and with no components the engine is taken as it is: a fresh one has no
+    // pixel types, so no routine matches.
+    if (info.bStepwise || info.nComponents >= 1) {
+        int status = 0;
+        if (!PrepareForward(info, status))
+            return status;
+    }
+    int status = 14;
+    const bool matched = DispatchPair(m_nInType, m_nOutType, [&](auto in, auto out) {
+        status = StepRoutine<typename decltype(in)::type, typename decltype(out)::type>(
+            info.strOutputFile, info.nComponents, info.bSubtractMean, info.strFormat);
+    });
+    return matched ? status : Fail(14, "No routine for this pair of input and output pixel types!");
+}
+
+// Runs on every accepted call, rotation-only included: the sums start again from zero, so a
+// rotation-only run subtracts means of zero. Kept on purpose; the eigenvectors stay.
+bool CPCAEngine::PrepareForward(const stForwardPCAInfo& info, int& status)
+{
+    m_strStatFile = info.strStatFile;
+    m_bCovariance = info.bCovariance;
+    m_bStepwise = info.bStepwise;
+    m_nOutType = info.nOutDataType + 1;
+    m_pDataset = OpenRaster(m_strInput);
+    if (!m_pDataset) {
+        status = Fail(1, "Failed to open the input file!");
+        return false;
+    }
+    const int available = m_pDataset->GetBandCount();
+    const int n = info.nComponents != 0 ? info.nComponents : available;
+    if (n < 1 || n > available) {
+        status = Fail(1, Tr(kContext, "The input has %1 bands; %2 components cannot be taken from it.")
+                             .arg(available)
+                             .arg(info.nComponents));
+        return false;
+    }
+    m_nBands = n;
+    if (!ResetAccumulators()) {
+        status = Fail(1, "Apply memory Fail!");
+        return false;
+    }
+    EnsureStatFile();
+    m_nInType = m_pDataset->GetRasterBand(0)->GetRasterDataType();
+    return true;
+}
+
+bool CPCAEngine::ResetAccumulators()
+{
+    const long long n = m_nBands;
+    m_pSum = NewZeroed(n);
+    m_pSumSq = NewZeroed(n);
+    m_pCross = NewZeroed(n * n);
+    return m_pSum && m_pSumSq && m_pCross;
+}
+
+// An object left from an earlier run is reused only while it names the same file and band count.
+void CPCAEngine::EnsureStatFile()
+{
+    if (!m_pStatFile || m_pStatFile->Bands() != m_nBands || m_pStatFile->Path() != m_strStatFile)
+        m_pStatFile = std::make_unique<CPCAStatFile>(m_strStatFile, m_nBands);
+}
+
+template <class TIn, class TOut>
+int CPCAEngine::StepRoutine(const QString& output, int components, bool subtractMean, const QString& format)
+{
+    if (!(m_bStepwise && components != 0)) {
+        if (const int status = StatisticsPass<TIn>(components))
+            return status;
+        if (m_bStepwise)
+            return 0;
+    }
+    return Projection<TIn, TOut>(output, components, subtractMean, format);
+}
+
+template <class TIn>
+int CPCAEngine::StatisticsPass(int components)
+{
+    if (!m_pDataset || !ResetAccumulators())
+        return Fail(1, "Failed to open the input file!");
+    EnsureStatFile();
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    const int height = m_pDataset->GetRasterYSize();
+    const long long rows = RowsWithin(m_nBlockMi * kMi, width, n);
+    if (rows < 1)
+        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
+    const RowBlocks blocks(height, static_cast<int>(rows));
+    const int chunkRows = ChunkRows(rows, width, n);
+    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
+    TypedBuffer<TIn> buffer = NewSamples<TIn>(chunkSamples);
+    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
+    if (!buffer || !values)
+        return Fail(1, "Apply memory Fail!");
+
+    const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
+    readSpan.ReportPercent(0);
+    for (const RowBlock block : blocks) {
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            if (!ReadRows(*m_pDataset, block.first + chunk.first, chunk.rows, n, buffer.get()))
+                return Fail(1, "Failed to read the input file!");
+            const long long pixels = static_cast<long long>(chunk.rows) * width;
+            PcaWiden(buffer.get(), pixels * n, values.get());
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+            });
+        }
+        if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
+            m_pStatFile.reset();
+            return Fail(6, QString());
+        }
+    }
+    if (const int status = FinishMatrix())
+        return status;
+    if (!m_pStatFile->CreateForWriting())
+        return Fail(1, "The statistics file could not be created!");
+    if (!DecomposeAndStore())
+        return Fail(1, "Apply memory Fail!");
+    if (components == 0)
+        HandBackEigenValues();
+    readSpan.ReportPercent(50);
+    return 0;
+}
+
+// Sums into means, standard deviations and the population covariance (or correlation) matrix.
+int CPCAEngine::FinishMatrix()
+{
+    const int n = m_nBands;
+    const double count = static_cast<double>(m_pDataset->GetRasterXSize()) * m_pDataset->GetRasterYSize();
+    double* mean = m_pSum.get();
+    double* std = m_pSumSq.get();
+    double* cross = m_pCross.get();
+    for (int b = 0; b < n; ++b)
+        for (int j = 0; j < b; ++j)
+            cross[b * n + j] = cross[j * n + b];
+    for (int b = 0; b < n; ++b)
+        mean[b] /= count;
+    const ProgressSpan bandSpan(*m_pContext, ForwardMessage(), 30, 40, ProgressMath::Integer);
+    bandSpan.ReportPercent(30);
+    for (int b = 0; b < n; ++b) {
+        std[b] /= count;
+        std[b] = std::sqrt(std[b] - mean[b] * mean[b]);
+        bandSpan.Report(b, n);
+    }
+    bandSpan.ReportPercent(40);
+    const ProgressSpan rowSpan(*m_pContext, ForwardMessage(), 40, 50, ProgressMath::Integer);
+    for (int i = 0; i < n; ++i) {
+        for (int j = 0; j < n; ++j) {
+            double& c = cross[i * n + j];
+            c = c / count - mean[i] * mean[j];
+            if (!m_bCovariance)
+                c = i == j ? 1.0 : c / (std[j] * std[i]);
+        }
+        if (!rowSpan.ReportAndPoll(i, n)) {
+            m_pStatFile.reset();
+            return Fail(6, QString());
+        }
+    }
+    return 0;
+}
+
+bool CPCAEngine::DecomposeAndStore()
+{
+    const int n = m_nBands;
+    m_pStatFile->SetMeans(m_pSum.get());
+    m_pStatFile->SetMatrix(m_pCross.get());
+    m_matrix = Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(m_pCross.get(), n, n);
+    PcaEigenResult eigen;
+    if (!PcaDecompose(m_pCross.get(), n, 0.001, eigen))
+        return false;
+    m_eigenValues = std::move(eigen.values);
+    m_eigenVectors = std::move(eigen.vectors);
+    m_contribution = std::move(eigen.contribution);
+    m_cumulative = std::move(eigen.cumulative);
+    const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> rows = m_eigenVectors;
+    m_pStatFile->SetEigenVectors(rows.data());
+    m_pStatFile->SetEigenValues(m_eigenValues.data());
+    m_pStatFile->SetCumulative(m_cumulative.data());
+    m_pStatFile->WriteAndClose();
+    return true;
+}
+
+void CPCAEngine::HandBackEigenValues() const
+{
+    const boost::any params = m_pContext->Params();
+    const auto* held = boost::any_cast<stForwardPCAInfo>(&params);
+    if (!held)
+        return;
+    stForwardPCAInfo record = *held;
+    record.vecEigenValues = m_eigenValues;
+    record.vecContribution = m_contribution;
+    record.vecCumulative = m_cumulative;
+    m_pContext->SetParams(record);
+}
+
+template <class TIn>
+PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster)
+{
+    PcaSampleRange range;
+    const int width = raster.GetRasterXSize();
+    const int bands = raster.GetBandCount();
+    const int chunkRows = ChunkRows(kRangeRows, width, bands);
+    TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * bands);
+    if (!buffer)
+        return range;
+    for (const RowBlock block : RowBlocks(raster.GetRasterYSize(), kRangeRows))
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            ReadRows(raster, block.first + chunk.first, chunk.rows, bands, buffer.get());
+            const TIn* p = buffer.get();
+            for (long long i = 0, count = static_cast<long long>(chunk.rows) * width * bands; i < count; ++i)
+                range.Add(static_cast<double>(p[i]));
+        }
+    return range;
+}
+
+template <class TIn, class TOut>
+int CPCAEngine::Projection(const QString& output, int components, bool subtractMean, const QString& format)
+{
+    const int n = m_nBands;
+    const int m = components > 0 ? components : n;
+    if (m > n || m_eigenVectors.rows() < n || m_eigenVectors.cols() < m)
+        return Fail(1, "No statistics for this rotation: run the statistics-only step on this object first.");
+    const int width = m_pDataset->GetRasterXSize();
+    const int height = m_pDataset->GetRasterYSize();
+    const long long rows = RowsWithin(m_nBlockMi * kMi, width, n);
+    if (rows < 1)
+        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
+    m_projection = m_eigenVectors.topLeftCorner(n, m);
+    // Square for the rotation step; the columns past m only compute values that are not written.
+    Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = Eigen::MatrixXd::Zero(n, n);
+    weights.leftCols(m) = m_projection;
+    RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, m,
+                                                                       static_cast<PixelDataType>(PixelTypeOf<TOut>()),
+                                                                       format, nullptr);
+    if (!raster)
+        return Fail(2, "The output file could not be created!");
+    PlaceOnInput(*m_pDataset, *raster);
+    const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
+    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
+                                                   weights.data(), nullptr, span)) {
+        m_pStatFile.reset();
+        return status;
+    }
+    CopyRpcIfPresent(*m_pDataset, *raster);
+    m_pStatFile.reset();
+    return 0;
+}
+
+// Both rotations: every pixel's first m of n rotated values, block by block, reporting and polling
+// after each block. The input's sample range is read only if a value falls outside the output type.
+template <class TIn, class TOut>
+int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
+                             const double* add, const ProgressSpan& span)
+{
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    const int chunkRows = ChunkRows(rows, width, n);
+    const long long chunkPixels = static_cast<long long>(chunkRows) * width;
+    TypedBuffer<TIn> in = NewSamples<TIn>(chunkPixels * n);
+    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n);
+    TypedBuffer<TOut> result = NewSamples<TOut>(chunkPixels * m);
+    std::vector<double> scratch(2 * n);
+    if (!in || !values || !result)
+        return Fail(1, "Apply memory Fail!");
+    std::optional<PcaSampleRange> range;
+    auto inputRange = [&]() -> const PcaSampleRange& {
+        if (!range)
+            range = InputRange<TIn>(*m_pDataset);
+        return *range;
+    };
+    const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
+    for (const RowBlock block : blocks) {
+        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
+            const int first = block.first + chunk.first;
+            if (!ReadRows(*m_pDataset, first, chunk.rows, n, in.get()))
+                return Fail(1, "Failed to read the input file!");
+            const long long pixels = static_cast<long long>(chunk.rows) * width;
+            PcaWiden(in.get(), pixels * n, values.get());
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaRotate<decltype(fixed)::value>(values.get(), pixels, n, sub, weights, add, scratch.data());
+            });
+            PcaNarrow(values.get(), pixels, n, m, result.get(), inputRange);
+            WriteRows(out, first, chunk.rows, m, result.get());
+        }
+        if (!span.ReportAndPoll(block.index, blocks.Count()))
+            return Fail(6, QString());
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- inverse
+
+int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
+{
+    const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
+    span.ReportPercent(0);
+    m_pStatFile = std::make_unique<CPCAStatFile>(info.strStatFile, 0);
+    if (!m_pStatFile->OpenForReading())
+        return Fail(1, "The statistics file could not be opened!");
+    const int n = m_pStatFile->Bands();
+    if (n < 1 || n > kMaxBands)
+        return Fail(1, Tr(kContext, "The statistics file gives %1 as its band count; 1 to %2 bands can be rotated back.")
+                           .arg(m_pStatFile->HeaderValue())
+                           .arg(kMaxBands));
+    m_nBands = n;
+    m_nOutType = info.nOutDataType >= 0 && info.nOutDataType <= 5 ? info.nOutDataType + 1 : 7;
+    m_pDataset = OpenRaster(m_strInput);
+    if (!m_pDataset)
+        return Fail(1, "Failed to open the input file!");
+    if (m_pDataset->GetBandCount() < n)
+        return Fail(1, Tr(kContext, "The component raster has %1 bands; the statistics file needs %2.")
+                           .arg(m_pDataset->GetBandCount())
+                           .arg(n));
+
+    // Zero-filled first: values a short file does not hold stay zero.
+    std::unique_ptr<double[]> vectors = NewZeroed(static_cast<long long>(n) * n);
+    m_pSum = NewZeroed(n);
+    if (!vectors || !m_pSum)
+        return Fail(1, "Apply memory Fail!");
+    m_pStatFile->ReadEigenVectors(vectors.get());
+    m_pStatFile->ReadMeans(m_pSum.get());
+    // File order into a column-major matrix is the transpose of the stored one.
+    const Eigen::MatrixXd transposed = Eigen::Map<const Eigen::MatrixXd>(vectors.get(), n, n);
+    const Eigen::MatrixXd back = transposed.inverse();
+
+    m_nInType = m_pDataset->GetRasterBand(0)->GetRasterDataType();
+    int status = 14;
+    const bool matched = DispatchPair(m_nInType, m_nOutType, [&](auto in, auto out) {
+        status = InverseRoutine<typename decltype(in)::type, typename decltype(out)::type>(info.strOutputFile, back,
+                                                                                          m_pSum.get(), info.strFormat);
+    });
+    m_pStatFile.reset();
+    return matched ? status : Fail(14, "No routine for this pair of input and output pixel types!");
+}
+
+template <class TIn, class TOut>
+int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& back, const double* means,
+                               const QString& format)
+{
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    const int height = m_pDataset->GetRasterYSize();
+    const long long rows = RowsWithin(4 * kMi, width, n);
+    if (rows < 1)
+        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
+    RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, n,
+                                                                       static_cast<PixelDataType>(PixelTypeOf<TOut>()),
+                                                                       format, nullptr);
+    if (!raster)
+        return Fail(2, "The output file could not be created!");
+    PlaceOnInput(*m_pDataset, *raster);
+    // Component k of a pixel weighs back-rotation column k: weights[k][b] = back(b, k). The mean
+    // goes back whatever the forward run subtracted; intended.
+    const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();
+    const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
+    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span))
+        return status;
+    return 0;
 }

@@ -1,18 +1,77 @@
 #pragma once
 #include "frame/PCARecords.h"
+#include "frame/RunContext.h"
+#include "pca/PCAStatFile.h"
 
-class RunContext;
+#include "OrvDataSource/RasterDataset.h"
 
-// Principal component engine; lives in the algorithm object between runs.
+#include <Eigen/Dense>
+#include <memory>
+#include <vector>
+
+struct PcaSampleRange;
+class ProgressSpan;
+
+// Principal component engine; lives in the algorithm object between runs, so a rotation-only run
+// projects with the eigenvectors of an earlier statistics-only run.
 class CPCAEngine {
 public:
     CPCAEngine(const QString& input, const RunContext* context);
     ~CPCAEngine();
+    CPCAEngine(const CPCAEngine&) = delete;
+    CPCAEngine& operator=(const CPCAEngine&) = delete;
+
     // 0 success; 1 input or statistics file, 2 output, 6 cancelled, 14 no routine for the types.
     int ForwardDriver(const stForwardPCAInfo& info);
     int InverseDriver(const stInversePCAInfo& info);
 
+    // Per (input, output) sample type; public only so one dispatch can reach them.
+    template <class TIn, class TOut>
+    int StepRoutine(const QString& output, int components, bool subtractMean, const QString& format);
+    template <class TIn, class TOut>
+    int InverseRoutine(const QString& output, const Eigen::MatrixXd& back, const double* means,
+                       const QString& format);
+
 private:
+    using RasterPtr = OrvUtility::_ptr_t<OrvDataSource::RasterDataset>;
+
+    template <class TIn>
+    int StatisticsPass(int components);
+    template <class TIn, class TOut>
+    int Projection(const QString& output, int components, bool subtractMean, const QString& format);
+    template <class TIn, class TOut>
+    int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
+                     const double* weights, const double* add, const ProgressSpan& span);
+    template <class TIn>
+    static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster);
+
+    bool PrepareForward(const stForwardPCAInfo& info, int& status);
+    bool ResetAccumulators();
+    void EnsureStatFile();
+    int FinishMatrix();
+    bool DecomposeAndStore();
+    void HandBackEigenValues() const;
+    int Fail(int status, const char* text) const;
+    int Fail(int status, const QString& text) const;
+
     QString m_strInput;
+    RasterPtr m_pDataset;
+    int m_nBands = 0;
+    std::unique_ptr<double[]> m_pSum;   // sums, then means
+    std::unique_ptr<double[]> m_pSumSq; // sums of squares, then standard deviations
+    bool m_bCovariance = true;
+    QString m_strStatFile;
+    std::unique_ptr<CPCAStatFile> m_pStatFile;
+    std::unique_ptr<double[]> m_pCross; // cross products, then the covariance or correlation matrix
+    Eigen::MatrixXd m_matrix;
+    std::vector<double> m_eigenValues;
+    Eigen::MatrixXd m_eigenVectors; // column k is component k
+    Eigen::MatrixXd m_projection;
+    int m_nInType = 0;
+    int m_nOutType = 6;
+    std::vector<double> m_contribution;
+    std::vector<double> m_cumulative;
+    int m_nBlockMi = 4;
+    bool m_bStepwise = false;
     const RunContext* m_pContext;
 };

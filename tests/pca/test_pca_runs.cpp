@@ -1,0 +1,220 @@
+#include "AlgoHarness.h"
+#include "TestSupport.h"
+#include "frame/PCARecords.h"
+
+#include <Eigen/Dense>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <sys/wait.h>
+
+using namespace tavtest;
+
+namespace {
+
+QString Q(const std::string& s) { return QString::fromStdString(s); }
+
+stForwardPCAInfo Fwd(const std::string& in, const std::string& stats, const std::string& out, int type = 6,
+                     bool center = false, int comps = 0, bool stepwise = false, bool cov = true)
+{
+    return {Q(in), Q(stats), Q(out), "GTiff", type, center, comps, cov, stepwise, {}, {}, {}};
+}
+
+stInversePCAInfo Inv(const std::string& in, const std::string& stats, const std::string& out, int type = 6)
+{
+    return {Q(in), Q(stats), Q(out), "GTiff", type};
+}
+
+std::vector<double> ReadDoubles(const std::string& path)
+{
+    std::ifstream f(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(f)), {});
+    std::vector<double> v(bytes.size() / 8);
+    return std::memcpy(v.data(), bytes.data(), v.size() * 8), v;
+}
+
+void WriteDoubles(const std::string& path, const std::vector<double>& v)
+{
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(v.data()), v.size() * 8);
+}
+
+double Pixel(int b, int x, int y) { return (x * 7 + y * 13 + b * b * 31 + x * y * b) % 251; }
+
+std::string SmallScene(const TempDir& dir)
+{
+    WriteRaster(dir.file("in.tif"), Shape(6, 5, 3), Pixel);
+    return dir.file("in.tif");
+}
+
+// A raster's first `bands` bands as the columns of a pixels × bands matrix.
+Eigen::MatrixXd Pixels(const std::string& path, int bands)
+{
+    Eigen::MatrixXd m(Info(path).width * Info(path).height, bands);
+    for (int b = 0; b < bands; ++b)
+        m.col(b) = Eigen::Map<const Eigen::VectorXd>(ReadBand(path, b + 1).data(), m.rows());
+    return m;
+}
+
+} // namespace
+
+// Means and population covariance against a direct two-pass formula, on scenes of two full blocks
+// of 4 Mi samples and of a short last block; the file keeps them at their offsets.
+TEST(PcaStatistics, MeansAndCovarianceMatchADirectFormulaAcrossBlocks)
+{
+    TempDir dir;
+    for (int height : {512, 300}) { // 4096 × 4 samples a row: 256 rows a block
+        const std::string in = dir.file("in.tif");
+        WriteRaster(in, Shape(4096, height, 4, GDT_Byte), Pixel);
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, false, 0, true)));
+        const Eigen::MatrixXd x = Pixels(in, 4);
+        const Eigen::RowVectorXd mean = x.colwise().mean();
+        const Eigen::MatrixXd centred = x.rowwise() - mean;
+        const Eigen::MatrixXd cov = centred.transpose() * centred / double(x.rows());
+        const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+        ASSERT_EQ(file.size(), 2 * 16 + 12 + 1u);
+        EXPECT_LT((Eigen::Map<const Eigen::RowVector4d>(&file[1]) - mean).norm(), 1e-9) << height;
+        EXPECT_LT((Eigen::Map<const Eigen::Matrix4d>(&file[5]) - cov).norm(), 1e-9 * cov.norm()) << height;
+        EXPECT_FALSE(Exists(dir.file("o.tif"))) << "statistics only";
+    }
+}
+
+// Statistics only on 4 bands hands back the eigenvalues and writes the file; a rotation-only run
+// of the same object then projects bands 1..3 with the kept eigenvectors and zero means.
+TEST(PcaModes, StatisticsOnlyThenRotationOnlyWithThreeComponents)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(7, 5, 4, GDT_Int16), [](int b, int x, int y) { return Pixel(b, x, y) - 100; });
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("unused.tif"), 6, true, 0, true)));
+    const auto& back = boost::any_cast<const stForwardPCAInfo&>(h.algo().GetParams());
+    ASSERT_EQ(back.vecContribution.size() + back.vecEigenValues.size(), 8u);
+    EXPECT_NEAR(back.vecCumulative.at(3), 1.0, 1e-12);
+    const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
+    const Eigen::Map<const Eigen::Matrix4d> c(file.data() + 5), vt(file.data() + 21); // symmetric; transposed
+    for (int k = 0; k < 4; ++k) {
+        EXPECT_EQ(file[37 + k], back.vecEigenValues[k]);
+        EXPECT_LT((c * vt.row(k).transpose() - back.vecEigenValues[k] * vt.row(k).transpose()).norm(), 1e-2);
+    }
+    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s3.sta"), dir.file("r.tif"), 6, true, 3, true)));
+    const Eigen::MatrixXd expected = Pixels(in, 3) * vt.transpose().topLeftCorner(3, 3);
+    EXPECT_LT((Pixels(dir.file("r.tif"), 3) - expected).cwiseAbs().maxCoeff(), 1e-9) << "means are not subtracted";
+    AlgoHarness fresh; // no stepwise, no components: nothing matches on a fresh engine
+    EXPECT_FALSE(fresh.Run(Fwd(in, dir.file("f.sta"), dir.file("f.tif"), 6, false, 0, false)));
+    EXPECT_EQ(fresh.Code(), 1);
+}
+
+// Forward with mean subtraction into Float64 and back restores the input; the statistics file is
+// read through a non-ASCII path, with its count given as 4.9 and cut short after the eigenvectors.
+TEST(PcaRoundTrip, ForwardThenInverseRestoresTheInput)
+{
+    TempDir dir;
+    std::vector<std::pair<std::string, int>> scenes = {{dir.file("in.tif"), 4}, {dir.file("in9.tif"), 9}};
+    WriteRaster(scenes[0].first, Shape(33, 17, 4, GDT_UInt16), [](int b, int x, int y) { return Pixel(b, x, y) * 90; });
+    WriteRaster(scenes[1].first, Shape(20, 11, 9, GDT_Int32), [](int b, int x, int y) { return Pixel(b, x, y) - x * b; });
+    if (!SampleScene().empty())
+        scenes.push_back({SampleScene(), 6});
+    GTEST_LOG_(INFO) << (SampleScene().empty() ? "L7_ETMs.tif is absent; synthetic scene only" : "");
+    for (const auto& [in, n] : scenes) {
+        const std::string stats = dir.file("statistik_é.sta");
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(Fwd(in, stats, dir.file("pc.tif"), 6, true, n)));
+        ASSERT_TRUE(h.Run(Inv(dir.file("pc.tif"), stats, dir.file("back.tif"), 9)));
+        EXPECT_EQ(Info(dir.file("back.tif")).type, GDT_Float64);
+        EXPECT_LT((Pixels(dir.file("back.tif"), n) - Pixels(in, n)).cwiseAbs().maxCoeff(), 1e-8) << in;
+        std::vector<double> file = ReadDoubles(stats);
+        file.resize(1 + n + 2 * n * n);
+        file[0] = n + 0.9;
+        WriteDoubles(stats, file);
+        ASSERT_TRUE(h.Run(Inv(dir.file("pc.tif"), stats, dir.file("back2.tif"), 6))) << h.Text().toStdString();
+        EXPECT_LT((Pixels(dir.file("back2.tif"), n) - Pixels(in, n)).cwiseAbs().maxCoeff(), 1e-2) << in;
+    }
+}
+
+// Progress of a one-block statistics pass over 3 bands, worked out by hand; a constant band in
+// correlation mode still ends, with exactly 1.0 on the diagonal. Then Terminate in the statistics
+// pass, the matrix rows, the projection and the inverse: -1010, the output (and the forward
+// statistics file) removed.
+TEST(PcaCancel, ProgressAndEveryPassStopsAndRemovesItsFiles)
+{
+    TempDir dir;
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(6, 5, 3), [](int b, int x, int y) { return b == 1 ? 42.0 : Pixel(b, x, y) / 3.0; });
+    AlgoHarness ok;
+    ASSERT_TRUE(ok.Run(Fwd(in, dir.file("c.sta"), "", 6, false, 0, true, false)));
+    EXPECT_EQ(ok.Percents(), (std::vector<double>{0, 0, 30, 30, 33, 36, 40, 40, 43, 46, 50, 100}));
+    EXPECT_EQ(ok.events[1].message, QString("Forward PCA Rotation is running..."));
+    const std::vector<double> corr = ReadDoubles(dir.file("c.sta"));
+    EXPECT_TRUE(corr[4] == 1.0 && corr[8] == 1.0 && corr[12] == 1.0 && !std::isfinite(corr[5]));
+    ASSERT_TRUE(ok.Run(Fwd(in, dir.file("keep.sta"), dir.file("pc.tif"), 6, false, 3)));
+    struct Case { size_t at; double lastPercent; bool inverse; };
+    for (const Case& c : {Case{1, 0, false}, Case{5, 40, false}, Case{10, 50, false}, Case{0, 0, true}}) {
+        AlgoHarness h;
+        h.onProgress = [&](double) { if (h.events.size() == c.at + 1) h.algo().Terminate(); };
+        const bool ran = c.inverse ? h.Run(Inv(dir.file("pc.tif"), dir.file("keep.sta"), dir.file("o.tif")))
+                                   : h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, false, 3));
+        EXPECT_FALSE(ran || h.Code() != -1010 || h.Percents().back() != 100) << c.at;
+        EXPECT_EQ(h.Percents().at(h.Percents().size() - 2), c.lastPercent) << c.at;
+        EXPECT_FALSE(Exists(dir.file("o.tif")) || Exists(dir.file("s.sta")) || !Exists(dir.file("keep.sta")));
+    }
+}
+
+// Statistics files no one should trust, and inputs or outputs that cannot be had: a clear
+// message, code 1, no output.
+TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
+{
+    TempDir dir;
+    const std::string in = SmallScene(dir);
+    for (const std::vector<double>& file : std::vector<std::vector<double>>{
+             {0}, {-3}, {std::nan("")}, {1e9}, {3e9}, {1e300}, {}, {4, 1, 2}}) {
+        WriteDoubles(dir.file("bad.sta"), file);
+        AlgoHarness h;
+        EXPECT_FALSE(h.Run(Inv(in, dir.file("bad.sta"), dir.file("o.tif"))) || h.Code() != 1 || Exists(dir.file("o.tif")));
+        EXPECT_TRUE(h.Text().contains(file.size() == 3 ? "has 3 bands" : "band count")) << h.Text().toStdString();
+    }
+    WriteDoubles(dir.file("short.sta"), {3}); // the rest reads as zeros, without complaint
+    AlgoHarness h;
+    EXPECT_TRUE(h.Run(Inv(in, dir.file("short.sta"), dir.file("z.tif"))));
+
+    WriteText(dir.file("text.tif"), "not a raster");
+    const std::pair<stForwardPCAInfo, const char*> runs[] = {
+        {Fwd(dir.file("text.tif"), dir.file("s.sta"), dir.file("o.tif"), 6, false, 3), "Failed to open the input file!"},
+        {Fwd(in, dir.file("s.sta"), dir.file("no/such/dir/o.tif"), 6, false, 3), "The output file could not be created!"},
+        {Fwd(in, dir.file("no/such/s.sta"), dir.file("o.tif"), 6, false, 3), "The statistics file could not be created!"},
+    };
+    for (const auto& [record, text] : runs) {
+        AlgoHarness f;
+        EXPECT_FALSE(f.Run(record) || f.Code() != 1);
+        EXPECT_EQ(f.Text(), QString(text));
+    }
+}
+
+// The command line: the eigenvalue table of a statistics-only run, and pca-inverse refusing a
+// statistics file whose size does not fit its band count, naming both sizes.
+TEST(PcaCommandLine, EigenTableAndStatisticsSizeCheck)
+{
+    TempDir dir;
+    const std::string in = SmallScene(dir), stats = dir.file("s.sta");
+    auto run = [&](const std::string& args) {
+        const int raw = std::system((TAV_BIN_DIR "/tavtransform " + args + " >" + dir.file("out.txt") + " 2>&1").c_str());
+        std::ifstream f(dir.file("out.txt"));
+        return std::make_pair(WEXITSTATUS(raw), std::string(std::istreambuf_iterator<char>(f), {}));
+    };
+    auto [status, text] = run("pca -q -stats-only -stats " + stats + " " + in);
+    ASSERT_EQ(status, 0) << text;
+    const std::vector<double> file = ReadDoubles(stats);
+    char row[64];
+    std::snprintf(row, sizeof row, "%16.6f", file[1 + 3 + 18]);
+    EXPECT_NE(text.find(std::string("1          ") + row), std::string::npos) << text;
+    EXPECT_NE(text.find("100.0000\n"), std::string::npos) << text;
+
+    ASSERT_EQ(run("pca -q -stats " + stats + " " + in + " " + dir.file("pc.tif")).first, 0);
+    WriteDoubles(stats, std::vector<double>(file.begin(), file.end() - 1));
+    std::tie(status, text) = run("pca-inverse -q -stats " + stats + " " + dir.file("pc.tif") + " " + dir.file("b.tif"));
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(text.find("holds 216 bytes; for its 3 bands it must hold 224 bytes"), std::string::npos) << text;
+    EXPECT_FALSE(Exists(dir.file("b.tif")));
+}
