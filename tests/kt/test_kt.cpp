@@ -261,40 +261,32 @@ TEST(Progress, ReportsEachRowStartInSinglePrecisionBelow100)
     EXPECT_EQ(h.events[1].message, QString("Tasseled Cap Transform is running..."));
 }
 
-TEST(Failures, InputThatIsNotARasterGivesCode2)
+// Each refusal with its code and text; an earlier file at the output path stays when the run
+// refuses before creating anything (here for want of space on a relative path).
+TEST(Failures, RefusalsGiveTheirCodeAndTextAndKeepAnEarlierOutput)
 {
     TempDir dir;
+    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
     tavtest::WriteText(dir.file("notes.tif"), "plain text");
-    AlgoHarness h;
-    EXPECT_FALSE(h.Run(TransRecord(4, true, dir.file("notes.tif"), dir.file("o.tif"))));
-    EXPECT_EQ(h.Code(), 2);
-    EXPECT_EQ(h.Text(), QString("Failed to open the input file!"));
-}
-
-TEST(Failures, OutputThatCannotBeCreated)
-{
-    TempDir dir;
-    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
-    AlgoHarness h;
-    EXPECT_FALSE(h.Run(TransRecord(4, true, s.path, dir.file("no/such/folder/o.tif"))));
-    EXPECT_EQ(h.Code(), 1);
-    EXPECT_EQ(h.Text(), QString("OutFile Creat Fail!"));
-}
-
-TEST(Failures, LowDiskSpaceLeavesAnEarlierOutputInPlace)
-{
-    TempDir dir;
-    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0]);
     tavtest::WriteText(dir.file("earlier.tif"), "an earlier result");
-    tavtest::FakeFreeSpace nearlyFull(1024ull * 1024 * 50);
-    // A relative path: absolute ones are not checked.
     const std::string relative = std::filesystem::relative(dir.file("earlier.tif")).string();
-    AlgoHarness h;
-    const bool ok = h.Run(TransRecord(4, true, s.path, relative));
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(h.Code(), 1);
-    EXPECT_EQ(h.Text(), QString("Low Disk Space!"));
-    EXPECT_TRUE(tavtest::Exists(dir.file("earlier.tif")));
+    struct Case {
+        std::string in, out;
+        unsigned long long freeBytes;
+        int code;
+        const char* text;
+    };
+    const Case cases[] = {{dir.file("notes.tif"), dir.file("o.tif"), ~0ull, 2, "Failed to open the input file!"},
+                          {s.path, dir.file("no/such/folder/o.tif"), ~0ull, 1, "OutFile Creat Fail!"},
+                          {s.path, relative, 1024ull * 1024 * 50, 1, "Low Disk Space!"}};
+    for (const Case& c : cases) {
+        tavtest::FakeFreeSpace drive(c.freeBytes);
+        AlgoHarness h;
+        EXPECT_FALSE(h.Run(TransRecord(4, true, c.in, c.out)));
+        EXPECT_EQ(h.Code(), c.code) << c.text;
+        EXPECT_EQ(h.Text(), QString(c.text));
+    }
+    EXPECT_EQ(tavtest::ReadFile(dir.file("earlier.tif")), "an earlier result");
 }
 
 TEST(Failures, CancelInTheLastRowStopsAndRemovesTheOutput)
