@@ -60,144 +60,202 @@ void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<doub
         cov[static_cast<size_t>(a) * n + b] = (cross[static_cast<size_t>(a) * n + b] - sums[a] * sums[b] / pixels) / divisor;
 }
 
-} // namespace
+enum class PassEnd { Done, Cancelled, Short };
 
+// The window's rows in blocks, read in the input's type and handed on as Float32, pixel after
+// pixel; each pass reads every block on the run's thread while the pipeline's helper computes the
+// blocks before it.
 template <class T>
-bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
-{
-    const int n = run.n, width = run.width, y0 = run.sel.window.y0;
-    const long long rowSamples = run.RowSamples();
-    const RowBlocks blocks(run.height, run.rowsPerBlock);
-    const long long blockSamples = blocks.RowsPerBlock() * rowSamples;
-    TypedBuffer<T> raw = NewSamples<T>(blockSamples);
-    FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>(rowSamples).release(); // the first row's upper neighbour
-    if (!raw || !m_pBuffer)
-        return Fail(kMNFContext, "Apply memory Fail!");
+class BlockPasses {
+public:
+    explicit BlockPasses(MNFForwardRun& run)
+        : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
+          m_raw(NewSamples<T>(m_blockSamples))
+    {
+    }
+    bool Ready() const { return m_raw != nullptr; }
+    const RowBlocks& Blocks() const { return m_blocks; }
 
-    // Image rows [y, y + count) in the input's type, then Float32, pixel after pixel.
-    auto readRows = [&](int y, int count, float* rows) {
-        const PixelMajor space = PixelMajorSpacing(n, width, sizeof(T));
-        // A failed read counts as zeros, as if the buffer had been cleared before it.
-        if (!run.in->ReadRasterInto(run.sel.window.x0, y, width, count, raw.get(), width, count,
-                                    static_cast<PixelDataType>(run.type), n, run.sel.bands.data(), space.pixel,
-                                    space.line, space.band))
-            ClearTypedBuffer(raw.get(), run.type, count * rowSamples);
-        for (long long i = 0; i < count * rowSamples; ++i)
-            rows[i] = SampleToFloat(raw.get()[i]);
-    };
-    // One pass: this thread reads every block (one progress unit a row) while the helper computes
-    // the blocks before it; `keep` blocks stay held for the next one's sake; done(j) runs here once
-    // block j is computed, before its slot is read over.
-    enum { kDone, kCancelled, kShort };
-    auto pass = [&](int keep, BlockPipeline::ComputeFn compute, const std::function<void(int, float*)>& done) {
-        BlockPipeline pipe(3, blockSamples, std::move(compute));
+    // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
+    void ReadRows(int y, int count, float* rows) const
+    {
+        const long long samples = count * m_run.RowSamples();
+        const PixelMajor space = PixelMajorSpacing(m_run.n, m_run.width, sizeof(T));
+        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, m_raw.get(), m_run.width, count,
+                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
+                                      space.pixel, space.line, space.band))
+            ClearTypedBuffer(m_raw.get(), m_run.type, samples);
+        for (long long i = 0; i < samples; ++i)
+            rows[i] = SampleToFloat(m_raw.get()[i]);
+    }
+
+    // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
+    // done(j) runs here once block j is computed, before its slot is read over.
+    PassEnd Run(int keep, BlockPipeline::ComputeFn compute, const std::function<void(int, float*)>& done = {}) const
+    {
+        BlockPipeline pipe(3, m_blockSamples, std::move(compute));
         if (!pipe.Ready())
-            return kShort;
+            return PassEnd::Short;
         auto retire = [&] {
             const int j = pipe.Released();
-            pipe.WaitComputed(std::min(j + keep, blocks.Count() - 1));
-            done(j, pipe.Slot(j));
+            pipe.WaitComputed(std::min(j + keep, m_blocks.Count() - 1));
+            if (done)
+                done(j, pipe.Slot(j));
             pipe.Release();
         };
-        for (RowBlock block : blocks) {
+        for (RowBlock block : m_blocks) {
             if (pipe.Submitted() - pipe.Released() == pipe.Slots())
                 retire();
             for (int r = 0; r < block.rows; ++r)
-                if (!run.Unit())
-                    return kCancelled;
-            readRows(y0 + block.first, block.rows, pipe.Slot(block.index));
+                if (!m_run.Unit())
+                    return PassEnd::Cancelled;
+            ReadRows(m_run.sel.window.y0 + block.first, block.rows, pipe.Slot(block.index));
             pipe.Submit();
         }
-        while (pipe.Released() < blocks.Count())
+        while (pipe.Released() < m_blocks.Count())
             retire();
-        return kDone;
-    };
-    auto leave = [&](int status) { return status == kCancelled ? LeaveCancelled() : Fail(kMNFContext, "Apply memory Fail!"); };
-    auto nothing = [](int, float*) {};
-    const double pixels = run.pixels;
-
-    // Pass 1: noise. The first row takes the row below it as its upper neighbour, on purpose;
-    // every later row's is the row before it, kept rather than read again.
-    std::vector<double> sums(n, 0.0);
-    Matrix cross(static_cast<size_t>(n) * n, 0.0);
-    if (y0 + 1 < run.imageHeight)
-        readRows(y0 + 1, 1, m_pBuffer);
-    else
-        std::memset(m_pBuffer, 0, rowSamples * sizeof(float));
-    int status = pass(1, [&](int block, float* rows, const float* previous) {
-        const float* up = previous ? previous + (blocks[block - 1].rows - 1) * rowSamples : m_pBuffer;
-        for (int r = 0; r < blocks[block].rows; ++r, up = rows + (r - 1) * rowSamples)
-            AccumulateNoiseRow(up, rows + r * rowSamples, n, width, sums.data(), cross.data());
-    }, nothing);
-    if (status != kDone)
-        return leave(status);
-    // The 2N divisor is part of the estimate.
-    Matrix noiseCov(cross.size());
-    for (int a = 0; a < n; ++a) {
-        if (!run.Unit())
-            return LeaveCancelled();
-        CompleteCovariance(noiseCov, cross, sums, a, n, pixels, 2.0 * pixels);
+        return PassEnd::Done;
     }
 
+private:
+    MNFForwardRun& m_run;
+    RowBlocks m_blocks;
+    long long m_blockSamples;
+    TypedBuffer<T> m_raw;
+};
+
+// Sums and cross-product sums of a pass, completed row by row into a covariance, one progress
+// unit a row.
+struct Moments {
+    explicit Moments(int n) : sums(n, 0.0), cross(static_cast<size_t>(n) * n, 0.0) {}
+    bool Complete(MNFForwardRun& run, double divisor, Matrix& cov) const
+    {
+        cov.assign(cross.size(), 0.0);
+        for (int a = 0; a < run.n; ++a) {
+            if (!run.Unit())
+                return false;
+            CompleteCovariance(cov, cross, sums, a, run.n, run.pixels, divisor);
+        }
+        return true;
+    }
+    std::vector<double> sums;
+    Matrix cross;
+};
+
+// Pass 1: the noise covariance, and the whitening Wh = E × S from its eigenvectors. The first row
+// takes the row below it as its upper neighbour, on purpose; every later row's is the row before
+// it, kept rather than read again.
+template <class T>
+PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, float* firstUpper, Matrix& wh)
+{
+    const int n = run.n, y0 = run.sel.window.y0;
+    const long long rowSamples = run.RowSamples();
+    const RowBlocks& blocks = passes.Blocks();
+    if (y0 + 1 < run.imageHeight)
+        passes.ReadRows(y0 + 1, 1, firstUpper);
+    else
+        std::memset(firstUpper, 0, rowSamples * sizeof(float));
+    Moments noise(n);
+    const PassEnd end = passes.Run(1, [&](int block, float* rows, const float* previous) {
+        const float* up = previous ? previous + (blocks[block - 1].rows - 1) * rowSamples : firstUpper;
+        for (int r = 0; r < blocks[block].rows; ++r, up = rows + (r - 1) * rowSamples)
+            AccumulateNoiseRow(up, rows + r * rowSamples, n, run.width, noise.sums.data(), noise.cross.data());
+    });
+    if (end != PassEnd::Done)
+        return end;
+    // The 2N divisor is part of the estimate.
+    Matrix noiseCov;
+    if (!noise.Complete(run, 2.0 * run.pixels, noiseCov))
+        return PassEnd::Cancelled;
     Matrix e(noiseCov.size()), d(noiseCov.size());
     SortedEigen(noiseCov.data(), n, e.data(), d.data(), false);
     // A noise-free direction is dropped, not divided by zero.
     Matrix scale(noiseCov.size(), 0.0);
     for (int i = 0; i < n; ++i) {
         if (!run.Unit())
-            return LeaveCancelled();
+            return PassEnd::Cancelled;
         const double eigen = d[static_cast<size_t>(i) * n + i];
         if (eigen > 0.0)
             scale[static_cast<size_t>(i) * n + i] = 1.0 / std::sqrt(eigen);
     }
-    const Matrix wh = Product(e, scale, n);
-    const Matrix whT = Transposed(wh, n);
+    wh = Product(e, scale, n);
+    return PassEnd::Done;
+}
 
-    // Pass 2: data statistics.
-    std::fill(sums.begin(), sums.end(), 0.0);
-    std::fill(cross.begin(), cross.end(), 0.0);
-    status = pass(0, [&](int block, float* rows, const float*) {
+// Pass 2: the data covariance and means, the whitened covariance and its eigenvectors V, and
+// T = Vᵀ × Whᵀ, whose row k gives component k in falling order of signal to noise.
+template <class T>
+PassEnd DataRotation(MNFForwardRun& run, const BlockPasses<T>& passes, const Matrix& wh)
+{
+    const int n = run.n;
+    const long long rowSamples = run.RowSamples();
+    const RowBlocks& blocks = passes.Blocks();
+    Moments data(n);
+    const PassEnd end = passes.Run(0, [&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
-            AccumulateDataRow(rows + r * rowSamples, n, width, sums.data(), cross.data());
-    }, nothing);
-    if (status != kDone)
-        return leave(status);
-    Matrix dataCov(cross.size());
+            AccumulateDataRow(rows + r * rowSamples, n, run.width, data.sums.data(), data.cross.data());
+    });
+    if (end != PassEnd::Done)
+        return end;
+    Matrix dataCov;
+    if (!data.Complete(run, run.pixels, dataCov))
+        return PassEnd::Cancelled;
     run.means.assign(n, 0.0);
-    for (int a = 0; a < n; ++a) {
-        if (!run.Unit())
-            return LeaveCancelled();
-        run.means[a] = sums[a] / pixels;
-        CompleteCovariance(dataCov, cross, sums, a, n, pixels, pixels);
-    }
-
+    for (int a = 0; a < n; ++a)
+        run.means[a] = data.sums[a] / run.pixels;
+    const Matrix whT = Transposed(wh, n);
     const Matrix whitened = Product(Product(whT, dataCov, n), wh, n);
     Matrix v(whitened.size());
     SortedEigen(whitened.data(), n, v.data(), nullptr, false);
     Matrix vT(v.size());
     for (int i = 0; i < n; ++i) {
         if (!run.Unit())
-            return LeaveCancelled();
+            return PassEnd::Cancelled;
         for (int j = 0; j < n; ++j)
             vT[static_cast<size_t>(i) * n + j] = v[static_cast<size_t>(j) * n + i];
     }
-    // Row k of T gives component k, in falling order of signal to noise.
     run.transform = Product(vT, whT, n);
+    return PassEnd::Done;
+}
 
-    // Pass 3: components, each row turned into its own in place.
+// Pass 3: y_k = Σ_b (x_b − m_b)·T(k,b), each row turned into its components in place and written.
+template <class T>
+PassEnd WriteComponents(MNFForwardRun& run, const BlockPasses<T>& passes)
+{
+    const int n = run.n, w = run.width;
+    const long long rowSamples = run.RowSamples();
+    const RowBlocks& blocks = passes.Blocks();
     const BandNumbers outBands = AllBandNumbers(n);
-    const PixelMajor space = PixelMajorSpacing(n, width, sizeof(float));
-    status = pass(0, [&](int block, float* rows, const float*) {
-        // y_k = Σ_b (x_b − m_b)·T(k,b)
+    const PixelMajor space = PixelMajorSpacing(n, w, sizeof(float));
+    return passes.Run(0, [&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
-            AffineRow(rows + r * rowSamples, n, width, run.transform.data(), run.means.data(), nullptr,
+            AffineRow(rows + r * rowSamples, n, w, run.transform.data(), run.means.data(), nullptr,
                       rows + r * rowSamples);
     }, [&](int block, float* rows) {
-        run.out->WriteRaster(0, blocks[block].first, width, blocks[block].rows, rows, width, blocks[block].rows,
+        run.out->WriteRaster(0, blocks[block].first, w, blocks[block].rows, rows, w, blocks[block].rows,
                              PDT_Float32, n, outBands.data(), space.pixel, space.line, space.band);
     });
-    return status == kDone || leave(status);
+}
+
+} // namespace
+
+template <class T>
+bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
+{
+    const BlockPasses<T> passes(run);
+    FreeTypedBuffer(m_pBuffer);
+    m_pBuffer = NewRows<float>(run.RowSamples()).release(); // the first row's upper neighbour
+    if (!passes.Ready() || !m_pBuffer)
+        return Fail(kMNFContext, "Apply memory Fail!");
+    Matrix wh;
+    PassEnd end = NoiseWhitening(run, passes, m_pBuffer, wh);
+    if (end == PassEnd::Done)
+        end = DataRotation(run, passes, wh);
+    if (end == PassEnd::Done)
+        end = WriteComponents(run, passes);
+    if (end == PassEnd::Done)
+        return true;
+    return end == PassEnd::Cancelled ? LeaveCancelled() : Fail(kMNFContext, "Apply memory Fail!");
 }
 
 bool CMNFTransFunc::Forward(const QString& input, const QString& output, const QString& statFile,
