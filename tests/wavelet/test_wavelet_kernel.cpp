@@ -255,6 +255,23 @@ INSTANTIATE_TEST_SUITE_P(
                       RoundTripCase{{129, 130}, 0, 4095}, RoundTripCase{{300, 257}, 0, 255}),
     [](const auto& info) { return ShapeName(info.param.shape); });
 
+// The taps are the stored seven-decimal values, not the exact ones: a unit sample at index 2 or 3
+// of a line hands each of them back alone.
+TEST(WaveletTaps, AreTheStoredSevenDecimalValues)
+{
+    std::vector<float> unit2(8, 0.0f), unit3(8, 0.0f);
+    unit2[2] = unit3[3] = 1.0f;
+    const auto a = ForwardLine(unit2), b = ForwardLine(unit3);
+    EXPECT_EQ(a[1], 0.3415064f);
+    EXPECT_EQ(b[1], 0.5915064f);
+    EXPECT_EQ(a[0], 0.1584937f);
+    EXPECT_EQ(b[0], -0.0915063f);
+    EXPECT_EQ(a[6], -0.0915063f);
+    EXPECT_EQ(b[6], -0.1584937f);
+    EXPECT_EQ(a[5], 0.5915064f);
+    EXPECT_EQ(b[5], -0.3415064f);
+}
+
 // Lines may be transformed in place: the raster runs reuse one buffer.
 TEST(WaveletLines, InPlaceEqualsOutOfPlace)
 {
