@@ -137,6 +137,15 @@ BandNumbers AllBandNumbers(int count);
 BandIndices AllBandIndices(int count);
 BandNumbers ToBandNumbers(const BandIndices& indices);
 
+// Spacings of pixel-major rows, the n samples of a pixel side by side: pixel, line, band.
+struct PixelMajor {
+    long long pixel, line, band;
+};
+inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
+{
+    return {static_cast<long long>(n) * bytes, static_cast<long long>(n) * width * bytes, bytes};
+}
+
 // ---- placing an output on its input ----
 
 // Moves the origin of a geo-transform by (dx, dy) pixels.

@@ -28,6 +28,19 @@ bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, in
     return true;
 }
 
+bool CMNFTransFunc::OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol,
+                                 int firstRow, int lastRow, RasterPtr& in, MNFSelection& selection)
+{
+    in = OpenInputRaster(input);
+    if (!in)
+        return Fail(kMNFContext, "Failed to open the input file!");
+    if (!SelectWindowAndBands(*in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, selection)) {
+        m_strError.clear();
+        return false;
+    }
+    return true;
+}
+
 int RowsPerBlock(long long budget, long long bytesPerRow, int height)
 {
     const long long rows = bytesPerRow > 0 ? budget / bytesPerRow : 1;

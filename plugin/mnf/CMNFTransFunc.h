@@ -3,6 +3,7 @@
 
 struct MNFForwardRun;
 struct MNFInverseRun;
+struct MNFSelection;
 
 // Minimum noise fraction worker: forward components with their statistics file, and the inverse
 // back to the input's bands and pixel type.
@@ -21,6 +22,10 @@ private:
     bool ForwardPasses(MNFForwardRun& run);
     template <class T>
     bool InversePass(MNFInverseRun& run);
+    // Opens the input and resolves the window and bands against it; false with the run's text
+    // (none for a window or band list that does not fit).
+    bool OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,
+                      int lastRow, RasterPtr& in, MNFSelection& selection);
 
     float* m_pBuffer = nullptr; // the Float32 block rows of the running pass
 };

@@ -269,13 +269,8 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
         return false;
     }
     MNFForwardRun run;
-    run.in = OpenInputRaster(input);
-    if (!run.in)
-        return Fail(kMNFContext, "Failed to open the input file!");
-    if (!SelectWindowAndBands(*run.in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.sel)) {
-        m_strError.clear();
+    if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;
-    }
     run.n = static_cast<int>(run.sel.bands.size());
     run.width = run.sel.window.width;
     run.height = run.sel.window.height;

@@ -81,13 +81,8 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
         m_strError.clear();
         return false;
     }
-    run.in = OpenInputRaster(input);
-    if (!run.in)
-        return Fail(kMNFContext, "Failed to open the input file!");
-    if (!SelectWindowAndBands(*run.in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.sel)) {
-        m_strError.clear();
+    if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;
-    }
     if (static_cast<int>(run.sel.bands.size()) != run.n)
         return Fail(kMNFContext, "The band count of the input file does not match the Stats file!");
     run.width = run.sel.window.width;

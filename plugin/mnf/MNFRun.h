@@ -70,11 +70,4 @@ TypedBuffer<T> NewRows(long long samples)
     return rows;
 }
 
-// Spacings of pixel-major rows of n samples a pixel: pixel, line, band.
-struct PixelMajor {
-    long long pixel, line, band;
-};
-inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
-{
-    return {static_cast<long long>(n) * bytes, static_cast<long long>(n) * width * bytes, bytes};
-}
+

@@ -42,25 +42,30 @@ void PlaceOnInput(RasterDataset& in, RasterDataset& out)
     CopyGeoTransform(in, out);
 }
 
-// Pixel-interleaved reads and writes of whole rows: the samples of one pixel side by side.
+// Pixel-major reads and writes of whole rows of bands 1..bands.
+template <class T>
+bool RowsIO(bool write, RasterDataset& ds, int first, int rows, int bands, T* buffer)
+{
+    const int width = ds.GetRasterXSize();
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
+    const auto type = static_cast<PixelDataType>(PixelTypeOf<T>());
+    return write ? ds.WriteRaster(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(), space.pixel,
+                                  space.line, space.band)
+                 : ds.ReadRasterInto(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(),
+                                     space.pixel, space.line, space.band);
+}
+
 template <class T>
 bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
 {
-    const int width = in.GetRasterXSize();
-    const BandNumbers numbers = AllBandNumbers(bands);
-    const long long pixel = static_cast<long long>(sizeof(T)) * bands;
-    return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
-                             bands, numbers.data(), pixel, pixel * width, sizeof(T));
+    return RowsIO(false, in, first, rows, bands, buffer);
 }
 
 template <class T>
 bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
 {
-    const int width = out.GetRasterXSize();
-    const BandNumbers numbers = AllBandNumbers(bands);
-    const long long pixel = static_cast<long long>(sizeof(T)) * bands;
-    return out.WriteRaster(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
-                           bands, numbers.data(), pixel, pixel * width, sizeof(T));
+    return RowsIO(true, out, first, rows, bands, buffer);
 }
 
 int ChunkRows(long long blockRows, int width, int bands)
