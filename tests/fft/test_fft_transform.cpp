@@ -7,10 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <complex>
-#include <cstring>
 #include <numbers>
 #include <ostream>
 #include <string>
@@ -177,29 +175,6 @@ INSTANTIATE_TEST_SUITE_P(
                       ForwardCase{"EveryBandInOrder", 6, 5, {1, 2, 3}},
                       ForwardCase{"ABandTwice", 3, 4, {2, 2}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// A constant v has all its energy at the zero frequency, which sits at (floor(W/2), floor(H/2)).
-TEST(ConstantImage, PutsItsValueOnTheCentreAndZeroElsewhere)
-{
-    const double v = 37.25;
-    // width, height, and the centre's column and row worked out by hand
-    for (const auto& [w, hgt, column, row] : {std::array{1, 1, 0, 0}, std::array{4, 4, 2, 2}, std::array{5, 3, 2, 1},
-                                              std::array{6, 7, 3, 3}, std::array{9, 2, 4, 1}, std::array{1, 8, 0, 4}}) {
-        SCOPED_TRACE(::testing::Message() << w << "x" << hgt);
-        TempDir dir;
-        const std::string in = WriteImage(dir, "in.tif", w, hgt, 1, GDT_Float32, [&](int, int, int) { return v; });
-        AlgoHarness h;
-        ASSERT_TRUE(h.Run(ForwardRecord(in, dir.file("out.tif"), {1})));
-        const auto re = tavtest::ReadBand(dir.file("out.tif"), 1);
-        const auto im = tavtest::ReadBand(dir.file("out.tif"), 2);
-        for (int y = 0; y < hgt; ++y) {
-            for (int x = 0; x < w; ++x) {
-                EXPECT_NEAR(re[y * w + x], x == column && y == row ? v : 0.0, 1e-5 * v) << x << "," << y;
-                EXPECT_NEAR(im[y * w + x], 0.0, 1e-5 * v) << x << "," << y;
-            }
-        }
-    }
-}
 
 // ---------------------------------------------------------------------------------------------
 // Inverse run against the direct conjugate sum, and the round trip.

@@ -134,40 +134,6 @@ TEST(Cancellation, TerminateBeforeExecuteStopsTheTasseledCapAtItsFirstPoll)
     EXPECT_EQ(h.Code(), -1010);
 }
 
-TEST(Cancellation, CancelledPcaRunsRemoveTheirFilesAndReportOnly100)
-{
-    TempDir dir;
-    AlgoHarness h;
-    h.algo().Terminate();
-    stForwardPCAInfo fwd;
-    fwd.strInputFile = dir.qfile("in.tif");
-    fwd.strStatFile = dir.qfile("pca.sta");
-    fwd.strOutputFile = dir.qfile("pca.tif");
-    fwd.nComponents = 3;
-    Touch(dir.file("pca.sta"));
-    Touch(dir.file("pca.tif"));
-    EXPECT_FALSE(h.Run(fwd));
-    EXPECT_EQ(h.Code(), -1010);
-    EXPECT_FALSE(Exists(dir.file("pca.sta")));
-    EXPECT_FALSE(Exists(dir.file("pca.tif")));
-    EXPECT_EQ(h.Percents(), std::vector<double>{100});
-
-    // A fresh object: an inverse run after a forward one drops the forward engine without
-    // destroying it, which is kept on purpose but would show as a leak here.
-    AlgoHarness h2;
-    h2.algo().Terminate();
-    stInversePCAInfo inv;
-    inv.strInputFile = dir.qfile("pca.tif");
-    inv.strStatFile = dir.qfile("keep.sta");
-    inv.strOutputFile = dir.qfile("back.tif");
-    Touch(dir.file("keep.sta"));
-    Touch(dir.file("back.tif"));
-    EXPECT_FALSE(h2.Run(inv));
-    EXPECT_EQ(h2.Code(), -1010);
-    EXPECT_TRUE(Exists(dir.file("keep.sta"))) << "the inverse run only reads the statistics";
-    EXPECT_FALSE(Exists(dir.file("back.tif")));
-}
-
 TEST(ErrorCode, ACodeFromAnEarlierRunSurvivesATasseledCapFailure)
 {
     TempDir dir;

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 using OrvUtility::_ptr_t;
 
 namespace {
@@ -53,19 +55,7 @@ TEST(Mult, RectangularProductMatchesHandComputedValues)
     double b[] = {7, 8, 9, 10, 11, 12};       // 3×2
     double c[] = {-1, -1, -1, -1};            // overwritten, not accumulated
     OrvUtility::mult(a, b, c, 2, 3, 2);
-    EXPECT_DOUBLE_EQ(c[0], 58);
-    EXPECT_DOUBLE_EQ(c[1], 64);
-    EXPECT_DOUBLE_EQ(c[2], 139);
-    EXPECT_DOUBLE_EQ(c[3], 154);
-}
-
-TEST(Mult, SquareProductIsNotCommutative)
-{
-    double a[] = {0, 1, 0, 0}, b[] = {0, 0, 1, 0}, ab[4], ba[4];
-    OrvUtility::mult(a, b, ab, 2, 2, 2);
-    OrvUtility::mult(b, a, ba, 2, 2, 2);
-    EXPECT_EQ((std::vector<double>(ab, ab + 4)), (std::vector<double>{1, 0, 0, 0}));
-    EXPECT_EQ((std::vector<double>(ba, ba + 4)), (std::vector<double>{0, 0, 0, 1}));
+    EXPECT_EQ((std::vector<double>(c, c + 4)), (std::vector<double>{58, 64, 139, 154})) << "a × b, not b × a";
 }
 
 } // namespace

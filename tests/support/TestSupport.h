@@ -64,7 +64,6 @@ PixelFn RandomPixels(const TypeRange& r, unsigned seed);
 
 // Writes a raster whose pixel (x, y) of band b (0-based) is fn(b, x, y).
 void WriteRaster(const std::string& path, const RasterShape& shape, const PixelFn& fn);
-using RasterSpec = RasterShape; // older name, still used by some suites
 
 // Band b (1-based) read back as doubles, row-major.
 std::vector<double> ReadBand(const std::string& path, int band);

@@ -17,10 +17,7 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <ostream>
-#include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
