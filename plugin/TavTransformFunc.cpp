@@ -63,15 +63,7 @@ bool TavTransformFunc::ExecuteForwardPCA()
     const stForwardPCAInfo info = boost::any_cast<stForwardPCAInfo>(m_params);
     if (!m_pPCAEngine)
         m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
-    const int status = m_pPCAEngine->ForwardDriver(info);
-    Report(100);
-    if (CancelRequested()) {
-        m_nErrorCode = kCancelled;
-        RemoveFile(info.strOutputFile);
-        RemoveFile(info.strStatFile);
-        return false;
-    }
-    return status == 0;
+    return FinishPca(m_pPCAEngine->ForwardDriver(info), {info.strOutputFile, info.strStatFile});
 }
 
 bool TavTransformFunc::ExecuteInversePCA()
@@ -81,14 +73,19 @@ bool TavTransformFunc::ExecuteInversePCA()
     if (m_pPCAEngine)
         m_replacedEngines.emplace_back(m_pPCAEngine);
     m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
-    const int status = m_pPCAEngine->InverseDriver(info);
+    // The inverse only reads its statistics file: a cancel removes the output alone.
+    return FinishPca(m_pPCAEngine->InverseDriver(info), {info.strOutputFile});
+}
+
+bool TavTransformFunc::FinishPca(int status, std::initializer_list<QString> removedOnCancel)
+{
     Report(100);
-    if (CancelRequested()) {
-        m_nErrorCode = kCancelled;
-        RemoveFile(info.strOutputFile);
-        return false;
-    }
-    return status == 0;
+    if (!CancelRequested())
+        return status == 0;
+    m_nErrorCode = kCancelled;
+    for (const QString& path : removedOnCancel)
+        RemoveFile(path);
+    return false;
 }
 
 bool TavTransformFunc::ExecuteTransInfo()

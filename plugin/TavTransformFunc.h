@@ -3,6 +3,7 @@
 #include "frame/RunContext.h"
 
 #include <atomic>
+#include <initializer_list>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -28,6 +29,8 @@ private:
     bool ExecuteTransInfo();
     bool ExecuteForwardPCA();
     bool ExecuteInversePCA();
+    // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
+    bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
     bool RunMnf(const stTransInfo& info);
     bool RunFourier(const stTransInfo& info);
     bool RunWavelet(const stTransInfo& info);
