@@ -49,18 +49,6 @@ bool ClearTypedBuffer(void* buffer, int type, long long count)
     return true;
 }
 
-float ToFloatSample(double value)
-{
-    constexpr double kMax = std::numeric_limits<float>::max();
-    // Half a unit in the last place above the largest float still rounds down to it.
-    constexpr double kRoundsToInfinity = kMax + 0x1p103;
-    if (value > kMax)
-        return value >= kRoundsToInfinity ? std::numeric_limits<float>::infinity() : std::numeric_limits<float>::max();
-    if (value < -kMax)
-        return value <= -kRoundsToInfinity ? -std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::max();
-    return static_cast<float>(value);
-}
-
 float* ToFloatArray(const void* source, long long count, int type)
 {
     auto* out = static_cast<float*>(NewTypedBuffer(OrvDataSource::PDT_Float32, count > 0 ? count : 0));

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
@@ -21,8 +22,19 @@ void* NewTypedBuffer(int type, long long count);
 void FreeTypedBuffer(void* buffer);
 // Zeroes (bits / 8) × count bytes; false for a null pointer.
 bool ClearTypedBuffer(void* buffer, int type, long long count);
-// The nearest float; beyond the float range ±infinity, as the hardware rounds, NaN kept.
-float ToFloatSample(double value);
+// The nearest float; beyond the float range ±infinity, as the hardware rounds, NaN kept. Inline:
+// the runs call it once a sample.
+inline float ToFloatSample(double value)
+{
+    constexpr double kMax = std::numeric_limits<float>::max();
+    // Half a unit in the last place above the largest float still rounds down to it.
+    constexpr double kRoundsToInfinity = kMax + 0x1p103;
+    if (value > kMax)
+        return value >= kRoundsToInfinity ? std::numeric_limits<float>::infinity() : std::numeric_limits<float>::max();
+    if (value < -kMax)
+        return value <= -kRoundsToInfinity ? -std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::max();
+    return static_cast<float>(value);
+}
 // A new zero-filled Float32 copy of count samples of the type (unknown types stay 0);
 // a count below 1 gives a zero-length array. Free with FreeTypedBuffer; null when memory is short.
 float* ToFloatArray(const void* source, long long count, int type);
