@@ -5,11 +5,3 @@ void RunContext::Report(double percent, const QString& message) const
 {
     FireProgress(m_algo.GetProgressSignal(), percent, message, &m_algo);
 }
-
-int RunContext::ErrorCode() const
-{
-    int code = 0;
-    QString text;
-    m_algo.GetErrorInfo(code, text);
-    return code;
-}

@@ -19,7 +19,6 @@ public:
     // Written only by Terminate from another thread; read without ordering on purpose.
     bool CancelRequested() const { return m_cancel.load(std::memory_order_relaxed) == 1; }
     void SetErrorInfo(int code, const QString& text) const { m_algo.SetErrorInfo(code, text); }
-    int ErrorCode() const;
     boost::any Params() const { return m_algo.GetParams(); }
     void SetParams(const boost::any& params) const { m_algo.SetParams(params); }
 

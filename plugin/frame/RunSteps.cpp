@@ -3,6 +3,8 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
+#include <numeric>
+
 using namespace OrvDataSource;
 
 double ProgressSpan::PercentAt(long long done, long long total) const
@@ -28,21 +30,14 @@ long long RowsWithin(long long samples, long long width, long long bands)
     return samples / width / bands;
 }
 
-BandNumbers AllBandNumbers(int count)
+BandIndices AllBandIndices(int count)
 {
-    BandNumbers bands;
-    for (int b = 1; b <= count; ++b)
-        bands.push_back(b);
+    BandIndices bands(count > 0 ? count : 0);
+    std::iota(bands.begin(), bands.end(), 0);
     return bands;
 }
 
-BandIndices AllBandIndices(int count)
-{
-    BandIndices bands;
-    for (int b = 0; b < count; ++b)
-        bands.push_back(b);
-    return bands;
-}
+BandNumbers AllBandNumbers(int count) { return ToBandNumbers(AllBandIndices(count)); }
 
 BandNumbers ToBandNumbers(const BandIndices& indices)
 {

@@ -44,7 +44,6 @@ public:
     }
     void ReportPercent(double percent) const { m_ctx.Report(percent, m_message); }
     bool Cancelled() const { return m_ctx.CancelRequested(); }
-    const QString& Message() const { return m_message; }
 
 private:
     const RunContext& m_ctx;
