@@ -52,8 +52,13 @@ bool ClearTypedBuffer(void* buffer, int type, long long count)
 float* ToFloatArray(const void* source, long long count, int type)
 {
     auto* out = static_cast<float*>(NewTypedBuffer(OrvDataSource::PDT_Float32, count > 0 ? count : 0));
-    if (!out || count < 1)
-        return out;
+    if (out && count > 0)
+        ConvertToFloats(source, count, type, out);
+    return out;
+}
+
+void ConvertToFloats(const void* source, long long count, int type, float* out)
+{
     // Every element of a known type is overwritten, so only an unknown type needs the zeros.
     const bool converted = source && DispatchPixelType(type, [&](auto tag) {
         using T = typename decltype(tag)::type;
@@ -64,9 +69,8 @@ float* ToFloatArray(const void* source, long long count, int type)
             else
                 out[i] = static_cast<float>(in[i]);
     });
-    if (!converted)
+    if (!converted && count > 0)
         std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));
-    return out;
 }
 
 namespace {

@@ -38,6 +38,8 @@ inline float ToFloatSample(double value)
 // A new zero-filled Float32 copy of count samples of the type (unknown types stay 0);
 // a count below 1 gives a zero-length array. Free with FreeTypedBuffer; null when memory is short.
 float* ToFloatArray(const void* source, long long count, int type);
+// ToFloatArray's conversion into the caller's array of count floats.
+void ConvertToFloats(const void* source, long long count, int type, float* out);
 
 struct TypedBufferDeleter {
     void operator()(void* p) const { FreeTypedBuffer(p); }

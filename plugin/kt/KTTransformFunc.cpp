@@ -48,9 +48,9 @@ void NameBands(RasterDataset& out, const KTSensorSet& set)
             gds->GetRasterBand(k + 1)->SetDescription(set.names[k]);
 }
 
-// One row of every used band into the block as floats, each band converted from its own type. A
-// failed read is used as it comes back. Bands of one type come in one read, band after band,
-// which is the block's layout.
+// One row of every used band into the block as floats, each band converted from its own type,
+// straight into the block. A failed read is used as it comes back. Bands of one type come in one
+// read, band after band, which is the block's layout.
 class RowReader {
 public:
     RowReader(RasterDataset& in, BandNumbers bands, const PixelWindow& win)
@@ -74,9 +74,7 @@ private:
     {
         const long long count = static_cast<long long>(bands.size()) * m_win.width;
         auto pixels = m_in.ReadRaster(m_win.x0, m_win.y0 + r, m_win.width, 1, m_win.width, 1, bands);
-        TypedBuffer<float> converted(ToFloatArray(pixels->GetData(), count, pixels->GetDataType()));
-        if (converted)
-            std::memcpy(into, converted.get(), static_cast<std::size_t>(count) * sizeof(float));
+        ConvertToFloats(pixels->GetData(), count, pixels->GetDataType(), into);
     }
 
     RasterDataset& m_in;
