@@ -386,7 +386,7 @@ bool TavTransFFTFuncNew::TransformRowsOf(FftBandBlocks& blocks, int block, int s
     for (int r = 0; r < blocks.RowsOf(block); ++r) {
         const long long offset = static_cast<long long>(r) * width;
         if (FftN(&m_workspace, 1, &width, re + offset, im + offset, sign, scaling) != 0)
-            return KernelFailed();
+            return false; // a kernel failure has no text of its own
     }
     return true;
 }
@@ -408,7 +408,7 @@ bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, doubl
             if (!pass.PollAndReport(x0 + k))
                 return LeaveCancelled();
             if (FftN(&m_workspace, 1, &height, re.get() + k * stride, im.get() + k * stride, sign, scaling) != 0)
-                return KernelFailed();
+                return false; // a kernel failure has no text of its own
         }
         blocks.ScatterColumns(x0, n, re.get(), im.get(), stride);
     }

@@ -41,8 +41,6 @@ private:
     bool TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
     bool WriteCentred(OrvDataSource::RasterDataset& out, int firstBand, FftBandBlocks& blocks, const ProgressPass& pass);
     bool WriteRealHalves(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, int declaredType);
-    // A kernel failure has no text of its own.
-    bool KernelFailed() { return false; }
 
     FftWorkspace m_workspace;
 };
