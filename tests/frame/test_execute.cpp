@@ -18,27 +18,19 @@ void Touch(const std::string& path) { tavtest::WriteText(path, "keep me"); }
 std::string SmallScene(const TempDir& dir, int w = 5, int h = 4)
 {
     const std::string path = dir.file("scene.tif");
-    tavtest::RasterShape shape;
-    shape.width = w;
-    shape.height = h;
-    shape.bands = 6;
-    shape.type = GDT_Byte;
-    tavtest::WriteRaster(path, shape, [](int b, int x, int y) { return 10 + b * 20 + x * 3 + y; });
+    tavtest::WriteRaster(path, tavtest::Shape(w, h, 6, GDT_Byte), [](int b, int x, int y) { return 10 + b * 20 + x * 3 + y; });
     return path;
 }
 
-TEST(Execute, EmptyHolderFailsWithCode100AndNoProgress)
+// The constructor's name; an empty holder is code 100 without progress; a foreign record escapes.
+TEST(Execute, NameEmptyHolderAndForeignRecord)
 {
     AlgoHarness h;
+    EXPECT_EQ(h.algo().GetName(), QString("Forward FFT"));
     EXPECT_FALSE(h.algo().Execute());
     EXPECT_EQ(h.Code(), 100);
     EXPECT_EQ(h.Text(), QString("Type is Not stTransInfo!"));
     EXPECT_TRUE(h.events.empty());
-}
-
-TEST(Execute, ForeignRecordEscapesAsBadAnyCast)
-{
-    AlgoHarness h;
     h.algo().SetParams(std::string("not a record"));
     EXPECT_THROW(h.algo().Execute(), boost::bad_any_cast);
 }
@@ -56,12 +48,6 @@ TEST(Execute, UnknownTransformTypeRunsNothingAndKeepsTheCode)
             EXPECT_EQ(e.context, &h.algo()) << "the algorithm object is the context";
         }
     }
-}
-
-TEST(Execute, ConstructorNamesTheAlgorithm)
-{
-    AlgoHarness h;
-    EXPECT_EQ(h.algo().GetName(), QString("Forward FFT"));
 }
 
 // Which files each branch removes after a failure that is not a cancellation.

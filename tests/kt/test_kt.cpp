@@ -76,13 +76,8 @@ struct Scene {
 
 Scene MakeScene(const TempDir& dir, const std::string& name, int bands, const TypeRange& r, int w = 7, int h = 5)
 {
-    tavtest::RasterShape shape;
-    shape.width = w;
-    shape.height = h;
-    shape.bands = bands;
-    shape.type = r.type;
     Scene s{dir.file(name), tavtest::RandomPixels(r, bands * 31 + r.type), w, h, bands};
-    tavtest::WriteRaster(s.path, shape, s.fn);
+    tavtest::WriteRaster(s.path, tavtest::Shape(w, h, bands, r.type), s.fn);
     return s;
 }
 
@@ -181,13 +176,9 @@ TEST(BandChoice, FiveBandsFailForSixBandSetsAndServeMss)
 TEST(Values, AllZeroTMPixelGivesZeroNotTheConstants)
 {
     TempDir dir;
-    tavtest::RasterShape shape;
-    shape.width = 3;
-    shape.height = 1;
-    shape.bands = 6;
-    shape.type = GDT_Byte;
     // Pixel 0 all zero; pixel 1 zero but for band 3; pixel 2 all zero too.
-    tavtest::WriteRaster(dir.file("z.tif"), shape, [](int b, int x, int) { return x == 1 && b == 2 ? 1 : 0; });
+    tavtest::WriteRaster(dir.file("z.tif"), tavtest::Shape(3, 1, 6, GDT_Byte),
+                         [](int b, int x, int) { return x == 1 && b == 2 ? 1 : 0; });
     AlgoHarness h;
     ASSERT_TRUE(h.Run(TransRecord(4, true, dir.file("z.tif"), dir.file("tm.tif"))));
     for (int k = 0; k < 3; ++k) {
@@ -205,11 +196,7 @@ TEST(Values, AllZeroTMPixelGivesZeroNotTheConstants)
 TEST(Georeference, OnePixelImageShiftsTheOriginByHalfAPixelAndNamesItsBands)
 {
     TempDir dir;
-    tavtest::RasterShape shape;
-    shape.width = 1;
-    shape.height = 1;
-    shape.bands = 6;
-    tavtest::WriteRaster(dir.file("one.tif"), shape, [](int b, int, int) { return b + 1; });
+    tavtest::WriteRaster(dir.file("one.tif"), tavtest::Shape(1, 1, 6), [](int b, int, int) { return b + 1; });
     const std::vector<std::vector<std::string>> names = {
         {"Brightness", "green", "humidity"},
         {"Soil Brightness Index", "Green index", "Yellowness index", "The fourth component"},
@@ -249,17 +236,6 @@ TEST(Georeference, NoDataIsCarriedBandByBand)
         EXPECT_EQ(info.noData[i], std::make_pair(true, -1.0 - i)) << "band " << i + 1;
 }
 
-TEST(Progress, ReportsEachRowStartInSinglePrecisionBelow100)
-{
-    TempDir dir;
-    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0], 4, 3);
-    AlgoHarness h;
-    ASSERT_TRUE(h.Run(TransRecord(4, true, s.path, dir.file("o.tif"))));
-    const std::vector<double> want = {0, 0, static_cast<float>(1.0f / 3.0f * 100.0f),
-                                      static_cast<float>(2.0f / 3.0f * 100.0f), 100};
-    EXPECT_EQ(h.Percents(), want);
-    EXPECT_EQ(h.events[1].message, QString("Tasseled Cap Transform is running..."));
-}
 
 // Each refusal with its code and text; an earlier file at the output path stays when the run
 // refuses before creating anything (here for want of space on a relative path).
@@ -289,13 +265,19 @@ TEST(Failures, RefusalsGiveTheirCodeAndTextAndKeepAnEarlierOutput)
     EXPECT_EQ(tavtest::ReadFile(dir.file("earlier.tif")), "an earlier result");
 }
 
-TEST(Failures, CancelInTheLastRowStopsAndRemovesTheOutput)
+// Each row start is reported in single precision below 100; a cancel at the last row's report
+// stops at the next pixel and the output goes.
+TEST(Progress, RowStartsInSinglePrecisionAndACancelInTheLastRowStops)
 {
     TempDir dir;
-    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0], 6, 4);
+    const Scene s = MakeScene(dir, "in.tif", 6, kRanges[0], 4, 3);
     AlgoHarness h;
-    h.onProgress = [&h](double p) {
-        if (p == 75.0)
+    ASSERT_TRUE(h.Run(TransRecord(4, true, s.path, dir.file("o.tif"))));
+    const float third = 1.0f / 3.0f * 100.0f, twoThirds = 2.0f / 3.0f * 100.0f;
+    EXPECT_EQ(h.Percents(), (std::vector<double>{0, 0, third, twoThirds, 100}));
+    EXPECT_EQ(h.events[1].message, QString("Tasseled Cap Transform is running..."));
+    h.onProgress = [&h, twoThirds](double p) {
+        if (p == twoThirds)
             h.algo().Terminate();
     };
     EXPECT_FALSE(h.Run(TransRecord(4, true, s.path, dir.file("o.tif"))));

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,7 +15,6 @@
 namespace {
 
 using WaveletKernel::LineScratchSize;
-using WaveletKernel::PerColumnScratchSize;
 using namespace wavelettest;
 
 // The product's taps are rounded to seven decimals (off by up to 5e-8) and its
@@ -24,23 +22,7 @@ using namespace wavelettest;
 // the peak magnitude of the input: one pass 3.2e-7, rows and columns 4.7e-7,
 // forward then inverse 7.3e-7.
 constexpr double kLineTolerance = 6e-7;
-constexpr double kImageTolerance = 1e-6;
 constexpr double kRoundTripTolerance = 1e-6;
-
-struct Shape {
-    std::size_t w;
-    std::size_t h;
-};
-
-std::string ShapeName(const Shape& s)
-{
-    return std::to_string(s.w) + "x" + std::to_string(s.h);
-}
-
-void PrintTo(const Shape& s, std::ostream* os)
-{
-    *os << ShapeName(s);
-}
 
 std::vector<float> RandomImage(std::size_t count, float lo, float hi, unsigned seed)
 {
@@ -72,17 +54,6 @@ std::vector<float> InverseLine(const std::vector<float>& y)
     std::vector<float> x(y.size()), scratch(LineScratchSize(y.size()));
     WaveletKernel::InverseLine(y.data(), x.data(), y.size(), scratch.data());
     return x;
-}
-
-// A whole image through the line transform: rows in place, then the column-at-a-time reference.
-// (The inverse is held to the input by the raster runs' round trips.)
-std::vector<float> ForwardImage(std::vector<float> img, std::size_t w, std::size_t h)
-{
-    std::vector<float> scratch(std::max(LineScratchSize(w), PerColumnScratchSize(h))), out(w * h);
-    for (std::size_t r = 0; r < h; ++r)
-        WaveletKernel::ForwardLine(&img[r * w], &img[r * w], w, scratch.data());
-    WaveletKernel::ForwardColumnsPerColumn(img.data(), out.data(), w, h, scratch.data());
-    return out;
 }
 
 double MaxDifference(const std::vector<float>& a, const std::vector<double>& b)
@@ -152,54 +123,6 @@ INSTANTIATE_TEST_SUITE_P(
         HandLine{"Constant", {1, 1, 1, 1, 1},
                  {1, (7 + std::sqrt(3.0)) / 8, 2 - std::sqrt(3.0), 0, (1 + std::sqrt(3.0)) / 8}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// --- Forward image against the definition ------------------------------------------------------
-
-class ForwardImageShapes : public ::testing::TestWithParam<Shape> {};
-
-// Protects the column pass: the same line transform down every column of the row result.
-TEST_P(ForwardImageShapes, MatchesRowsThenColumnsInDouble)
-{
-    const auto [w, h] = GetParam();
-    const auto img = RandomImage(w * h, -1000.0f, 1000.0f, unsigned(7 * w + h));
-    EXPECT_LE(MaxDifference(ForwardImage(img, w, h), ReferenceImage(img, w, h)),
-              kImageTolerance * PeakMagnitude(img));
-}
-
-INSTANTIATE_TEST_SUITE_P(EvenAndOdd, ForwardImageShapes,
-                         ::testing::Values(Shape{1, 1}, Shape{5, 3}, Shape{7, 16}, Shape{16, 9}, Shape{8, 8},
-                                           Shape{2, 7}, Shape{33, 1}, Shape{1, 33}, Shape{300, 21}),
-                         [](const auto& info) { return ShapeName(info.param); });
-
-// A constant band: LL is the constant except along the last low-pass column
-// and row, which meet the zero padding; the detail quadrants are zero except
-// along the first high-pass row and column, which meet the left boundary value.
-class ConstantBand : public ::testing::TestWithParam<Shape> {};
-
-TEST_P(ConstantBand, LowPassKeepsConstantAndDetailVanishesAwayFromBorders)
-{
-    const auto [w, h] = GetParam();
-    const double c = 37.25;
-    const double edge = (2 + kSqrt3) / 4;  // lo0 + lo1 = 0.9330127
-    const auto out = ForwardImage(std::vector<float>(w * h, float(c)), w, h);
-    const std::size_t hw = w / 2, hh = h / 2;
-    for (std::size_t r = 0; r < h; ++r) {
-        for (std::size_t col = 0; col < w; ++col) {
-            const double v = out[r * w + col];
-            SCOPED_TRACE("row " + std::to_string(r) + " column " + std::to_string(col));
-            if (r < hh && col < hw) {
-                const double expected = c * (col + 1 == hw ? edge : 1.0) * (r + 1 == hh ? edge : 1.0);
-                EXPECT_NEAR(v, expected, 2e-6 * c);
-            } else if (r != hh && col != hw) {
-                EXPECT_NEAR(v, 0.0, 2e-6 * c);
-            }
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(EvenSizes, ConstantBand,
-                         ::testing::Values(Shape{2, 2}, Shape{4, 6}, Shape{8, 8}, Shape{16, 10}, Shape{30, 4}),
-                         [](const auto& info) { return ShapeName(info.param); });
 
 // --- Round trips -----------------------------------------------------------------------------
 
