@@ -12,7 +12,7 @@ double ProgressSpan::PercentAt(long long done, long long total) const
     switch (m_math) {
     case ProgressMath::Single: {
         const float share = static_cast<float>(done) / static_cast<float>(total) * static_cast<float>(m_to - m_from);
-        return m_from == 0 ? share : static_cast<float>(m_from) + share;
+        return static_cast<float>(static_cast<float>(m_from) + share);
     }
     case ProgressMath::Integer:
         return static_cast<double>(static_cast<long long>(m_from) +
