@@ -41,8 +41,7 @@ bool CMNFTransFunc::OpenSelected(const QString& input, const int* bands, int ban
     return true;
 }
 
-int RowsPerBlock(long long budget, long long bytesPerRow, int height)
+int RowsPerBlock(long long budget, int width, long long bytesPerPixel, int height)
 {
-    const long long rows = bytesPerRow > 0 ? budget / bytesPerRow : 1;
-    return static_cast<int>(std::min<long long>(std::max<long long>(rows, 1), height));
+    return static_cast<int>(std::clamp<long long>(RowsWithin(budget, width, bytesPerPixel), 1, height));
 }

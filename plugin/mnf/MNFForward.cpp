@@ -290,7 +290,7 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
     CopySpatialReference(*run.in, *run.out);
 
     // A budget of 16 bytes gives one row per block; the rule is kept for larger budgets.
-    run.rowsPerBlock = RowsPerBlock(blocks, 2LL * run.width * run.n * 4, run.height);
+    run.rowsPerBlock = RowsPerBlock(blocks, run.width, 2LL * run.n * 4, run.height);
     const ProgressSpan progress(Context(), Tr(kMNFContext, "Forward MNF Transform is running..."), 0, 100,
                                 ProgressMath::Single);
     run.progress = &progress;

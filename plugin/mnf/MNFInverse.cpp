@@ -96,7 +96,7 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
 
     // The result is not checked, on purpose: a singular matrix is used as the elimination left it.
     InvertMatrix(run.inverse.get(), run.n);
-    run.rowsPerBlock = RowsPerBlock(blocks, static_cast<long long>(run.width) * 8, run.height);
+    run.rowsPerBlock = RowsPerBlock(blocks, run.width, 8, run.height);
     const ProgressSpan progress(Context(), Tr(kMNFContext, "Inverse MNF Transform is running..."), 0, 100,
                                 ProgressMath::Single);
     run.progress = &progress;

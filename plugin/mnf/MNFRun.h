@@ -23,8 +23,8 @@ bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, in
                           int firstRow, int lastRow, MNFSelection& selection);
 bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow);
 
-// Rows of one block under a byte budget of `bytesPerRow` a row, at least one, at most `height`.
-int RowsPerBlock(long long budget, long long bytesPerRow, int height);
+// Rows of one block under a byte budget, at least one, at most `height`.
+int RowsPerBlock(long long budget, int width, long long bytesPerPixel, int height);
 
 // The truncated integer's low 64 bits; NaN and ±∞ have none and give 0.
 inline uint64_t TruncatedLowBits(double v)
