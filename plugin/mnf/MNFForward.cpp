@@ -264,10 +264,6 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
 {
     QFile::remove(output);
     QFile::remove(statFile);
-    if (WindowGivenBackwards(firstCol, lastCol, firstRow, lastRow)) {
-        m_strError.clear();
-        return false;
-    }
     MNFForwardRun run;
     if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;

@@ -77,10 +77,6 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
         std::copy(stats.matrix.begin(), stats.matrix.begin() + count, run.inverse.get());
         std::copy(stats.means.begin(), stats.means.begin() + run.n, run.means.get());
     }
-    if (WindowGivenBackwards(firstCol, lastCol, firstRow, lastRow)) {
-        m_strError.clear();
-        return false;
-    }
     if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;
     if (static_cast<int>(run.sel.bands.size()) != run.n)

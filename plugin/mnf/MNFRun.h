@@ -18,11 +18,6 @@ struct MNFSelection {
     BandNumbers bands;
 };
 
-// False when the window is not inside the image (first > last included).
-bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
-                          int firstRow, int lastRow, MNFSelection& selection);
-bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow);
-
 // Rows of one block under a byte budget, at least one, at most `height`.
 int RowsPerBlock(long long budget, int width, long long bytesPerPixel, int height);
 
