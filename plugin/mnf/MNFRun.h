@@ -45,16 +45,6 @@ inline T StorePixel(double v)
         return static_cast<T>(TruncatedLowBits(v));
 }
 
-// A sample of type T as Float32: doubles beyond the float range by the frame's defined rule.
-template <class T>
-inline float SampleToFloat(T v)
-{
-    if constexpr (std::is_same_v<T, double>)
-        return ToFloatSample(v);
-    else
-        return static_cast<float>(v);
-}
-
 // Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
 template <class T>
 TypedBuffer<T> NewRows(long long samples)
