@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 using OrvDataSource::RasterDataset;
@@ -70,10 +71,10 @@ class BlockPasses {
 public:
     explicit BlockPasses(MNFForwardRun& run)
         : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
-          m_raw(NewSamples<T>(m_blockSamples))
+          m_raw(kFloat ? nullptr : NewSamples<T>(m_blockSamples))
     {
     }
-    bool Ready() const { return m_raw != nullptr; }
+    bool Ready() const { return kFloat || m_raw != nullptr; }
     const RowBlocks& Blocks() const { return m_blocks; }
 
     // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
@@ -81,12 +82,18 @@ public:
     {
         const long long samples = count * m_run.RowSamples();
         const PixelMajor space = PixelMajorSpacing(m_run.n, m_run.width, sizeof(T));
-        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, m_raw.get(), m_run.width, count,
+        T* raw;
+        if constexpr (kFloat)
+            raw = rows; // already the rows' type: no conversion pass
+        else
+            raw = m_raw.get();
+        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, raw, m_run.width, count,
                                       static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
                                       space.pixel, space.line, space.band))
-            ClearTypedBuffer(m_raw.get(), m_run.type, samples);
-        for (long long i = 0; i < samples; ++i)
-            rows[i] = SampleToFloat(m_raw.get()[i]);
+            ClearTypedBuffer(raw, m_run.type, samples);
+        if constexpr (!kFloat)
+            for (long long i = 0; i < samples; ++i)
+                rows[i] = SampleToFloat(raw[i]);
     }
 
     // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
@@ -118,6 +125,7 @@ public:
     }
 
 private:
+    static constexpr bool kFloat = std::is_same_v<T, float>;
     MNFForwardRun& m_run;
     RowBlocks m_blocks;
     long long m_blockSamples;
