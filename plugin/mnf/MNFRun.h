@@ -32,17 +32,12 @@ inline uint64_t TruncatedLowBits(double v)
     return r < 0 ? -static_cast<uint64_t>(-r) : static_cast<uint64_t>(r);
 }
 
-// A double stored in pixel type T: integers truncate toward zero and wrap to their low bytes
-// (no rounding, no clamping), floating types convert plainly.
+// A double stored in integer pixel type T: truncated toward zero and wrapped to its low bytes
+// (no rounding, no clamping).
 template <class T>
 inline T StorePixel(double v)
 {
-    if constexpr (std::is_same_v<T, float>)
-        return ToFloatSample(v);
-    else if constexpr (std::is_floating_point_v<T>)
-        return v;
-    else
-        return static_cast<T>(TruncatedLowBits(v));
+    return static_cast<T>(TruncatedLowBits(v));
 }
 
 // Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
