@@ -215,14 +215,10 @@ PassEnd DataRotation(MNFForwardRun& run, const BlockPasses<T>& passes, const Mat
     const Matrix whitened = Product(Product(whT, dataCov, n), wh, n);
     Matrix v(whitened.size());
     SortedEigen(whitened.data(), n, v.data(), nullptr, false);
-    Matrix vT(v.size());
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < n; ++i) // the rotation's set-up: one unit a band
         if (!run.Unit())
             return PassEnd::Cancelled;
-        for (int j = 0; j < n; ++j)
-            vT[static_cast<size_t>(i) * n + j] = v[static_cast<size_t>(j) * n + i];
-    }
-    run.transform = Product(vT, whT, n);
+    run.transform = Product(Transposed(v, n), whT, n);
     return PassEnd::Done;
 }
 
