@@ -23,12 +23,10 @@ std::string Records(const QString& joined)
 {
     std::string out;
     for (const QString& record : joined.split('|')) {
-        const std::string text = record.toStdString();
-        const uint32_t bytes = 2 * text.size();
-        for (int shift : {24, 16, 8, 0})
-            out += char((bytes >> shift) & 0xff);
-        for (char c : text)
-            out += std::string(1, '\0') + c;
+        const uint32_t bytes = 2 * record.size();
+        out += {char(bytes >> 24), char(bytes >> 16), char(bytes >> 8), char(bytes)};
+        for (QChar c : record)
+            out += {char(c.unicode() >> 8), char(c.unicode())};
     }
     return out;
 }
@@ -40,10 +38,10 @@ stTransInfo Mnf(bool forward, const std::string& in, const std::string& out, con
     return info;
 }
 
-// Sorted diagonal; equal eigenvalues in input order; and a matrix whose eigenvector
-// (1,-1,1,-1)/2 (eigenvalue -1) the rotations leave summing to exactly zero: its sign stays.
-// Eigenpairs of covariances in general are held by the forward run's whitening checks.
-TEST(MNFKernels, SortedEigenHandCasesAndNormalising)
+// Sorted eigenpairs: a sorted diagonal; equal eigenvalues in input order; and a matrix whose
+// eigenvector (1,-1,1,-1)/2 (eigenvalue -1) the rotations leave summing to exactly zero: its sign
+// stays. Eigenpairs of covariances in general are held by the forward run's whitening checks.
+TEST(MNFKernels, HandCases)
 {
     struct { int n; Vec a, values, vectors; } cases[] = {
         {3, {1, 0, 0, 0, 3, 0, 0, 0, 2}, {3, 2, 1}, {0, 0, 1, 1, 0, 0, 0, 1, 0}},
@@ -59,33 +57,25 @@ TEST(MNFKernels, SortedEigenHandCasesAndNormalising)
         EXPECT_TRUE(c.n < 4 || (M(4, v).col(3).sum() == 0.0 && std::abs(v[3] - 0.5) < 1e-9));
     }
     Vec v = {3, 0, 4, 2};
-    EXPECT_TRUE(NormalizeColumns(v.data(), 2));
-    EXPECT_EQ(v, (Vec{0.6, 0, 0.8, 1}));
-}
-
-// Untouched below the tolerance or without budget; one rotation diagonalises a 2×2, keeping its trace.
-TEST(MNFKernels, JacobiStopsBelowToleranceOrAtItsBudget)
-{
-    struct { Vec a; int budget, result; Vec after; } cases[] = {
+    EXPECT_TRUE(NormalizeColumns(v.data(), 2) && v == (Vec{0.6, 0, 0.8, 1}));
+    // Jacobi: untouched below the tolerance or without budget; one rotation diagonalises a 2×2.
+    struct { Vec a; int budget, result; Vec after; } jacobi[] = {
         {{4, 0.009, 0.009, 1}, 4000, 1, {4, 0.009, 0.009, 1}}, {{4, 2, 2, 1}, 0, 0, {4, 2, 2, 1}}, {{4, 2, 2, 1}, 1, 1, {}}};
-    for (auto& c : cases) {
-        Vec v(4);
+    for (auto& c : jacobi) {
+        v.assign(4, 0.0);
         EXPECT_EQ(JacobiEigen(c.a.data(), 2, v.data(), 0.01, c.budget), c.result);
-        EXPECT_TRUE(c.after.empty() ? std::abs(c.a[0] + c.a[3] - 5) < 1e-12 && c.a[1] == 0 : c.a == c.after && v == (Vec{1, 0, 0, 1}));
+        EXPECT_TRUE(c.after.empty() ? std::abs(c.a[0] + c.a[3] - 5) < 1e-12 && c.a[1] == 0
+                                    : c.a == c.after && v == (Vec{1, 0, 0, 1}));
     }
-}
-
-// General inverses are held by the runs' round trips.
-TEST(MNFKernels, InvertMatrix)
-{
-    struct { Vec a; int result; Vec inverse; } cases[] = {
+    // Inverses; general ones are held by the runs' round trips.
+    struct { Vec a; int result; Vec inverse; } inverses[] = {
         {{0, 1, 0, 0, 0, 1, 1, 0, 0}, 1, {0, 0, 1, 1, 0, 0, 0, 1, 0}}, // a permutation: its transpose
         {{2, 0, 0, 0, 0, 4, 0, -1, 0}, 1, {0.5, 0, 0, 0, 0, -1, 0, 0.25, 0}},
         {Vec(9, 0.0), 1, Vec(9, 1e300)},
         {{1, 2, 3, 1, 2, 3, 0, 1, 4}, 0, {}}, // two equal rows
         {{1, 0, 0, 0, 1e-17, 0, 0, 0, 1}, 0, {}}, // a pivot that vanishes against 1.0
     };
-    for (auto& c : cases) {
+    for (auto& c : inverses) {
         EXPECT_EQ(InvertMatrix(c.a.data(), 3), c.result);
         EXPECT_TRUE(c.inverse.empty() || c.a == c.inverse);
     }
@@ -114,8 +104,7 @@ TEST(MNFStatsFile, RecordsWrittenAndParsed)
             EXPECT_EQ(ReadFile(dir.file("s")), Records(c.records));
         }
         WriteText(dir.file("s"), Records(c.records));
-        MNFStats s;
-        s.pixelType = 4;
+        MNFStats s{0, 4, {}, {}}; // a code outside 1..7 leaves the 4
         QString error;
         EXPECT_EQ(ReadMNFStats(dir.qfile("s"), s, error), c.ok);
         EXPECT_EQ(error, c.ok ? QString() : QString("The Stats file is error!"));
@@ -129,43 +118,12 @@ TEST(MNFStatsFile, RecordsWrittenAndParsed)
     EXPECT_EQ(error, "The Stats file is error!");
 }
 
-// Covariances straight from the definitions: the first row looks down for its upper neighbour,
-// the last column looks left, half-sums in single precision, the noise over 2N.
-struct Direct {
-    Mat x, noise, data; // x: a band a row, a pixel a column
-    Eigen::VectorXd mean;
-};
-
-Direct DirectStatistics(const std::string& path)
-{
-    const auto info = Info(path);
-    const int n = info.bands, w = info.width, h = info.height;
-    Direct d{Mat(n, w * h), {}, {}, {}};
-    Mat z(n, w * h);
-    for (int b = 0; b < n; ++b) {
-        const Vec band = ReadBand(path, b + 1);
-        auto f = [&](int y, int c) { return float(band[y * w + c]); };
-        for (int y = 0; y < h; ++y)
-            for (int c = 0; c < w; ++c) {
-                d.x(b, y * w + c) = f(y, c);
-                z(b, y * w + c) = double(f(y, c)) - double(0.5f * (f(y ? y - 1 : 1, c) + f(y, c + 1 < w ? c + 1 : c - 1)));
-            }
-    }
-    const double N = double(w) * h;
-    auto cov = [&](const Mat& v, double divisor) {
-        const Eigen::VectorXd sum = v.rowwise().sum();
-        return Mat((v * v.transpose() - sum * sum.transpose() / N) / divisor);
-    };
-    d.noise = cov(z, 2 * N);
-    d.data = cov(d.x, N);
-    d.mean = d.x.rowwise().sum() / N;
-    return d;
-}
-
-// Forward against the direct covariances: T whitens the noise (T·C_N·Tᵀ = I, a noise-free band's
-// component dropped), diagonalises the data in falling order, the components are T·(x − m), and
-// a budget of two rows a block gives the same bits. The inverse gives the input back. Also on the
-// Landsat sample (width 0) where it is beside the project.
+// Forward against covariances straight from the definitions (the first row looks down for its upper
+// neighbour, the last column looks left, half-sums in single precision, the noise over 2N): T
+// whitens the noise (T·C_N·Tᵀ = I, a noise-free band's component dropped), diagonalises the data in
+// falling order, the components are T·(x − m), and a budget of two rows a block gives the same
+// bits. The inverse gives the input back. Also on the Landsat sample (width 0) where it is beside
+// the project.
 TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
 {
     struct { const char* what; int w, h, n; GDALDataType type; int constantBand; } scenes[] = {
@@ -188,29 +146,42 @@ TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
             });
         AlgoHarness h;
         ASSERT_TRUE(h.Run(Mnf(true, in, out, st))) << h.Text().toStdString();
-        const int units = 3 * Info(in).height + 4 * s.n, w = Info(in).width;
+        const int n = s.n, w = Info(in).width, rows = Info(in).height, units = 3 * rows + 4 * n;
         ASSERT_EQ(int(h.Percents().size()), units + 2);
         EXPECT_EQ(h.Percents()[units], double(float(units - 1) / float(units) * 100.0f));
-        const Direct d = DirectStatistics(in);
+        Mat x(n, w * rows), z(n, w * rows);
+        for (int b = 0; b < n; ++b) {
+            const Vec band = ReadBand(in, b + 1);
+            auto f = [&](int y, int c) { return float(band[y * w + c]); };
+            for (int y = 0; y < rows; ++y)
+                for (int c = 0; c < w; ++c) {
+                    x(b, y * w + c) = f(y, c);
+                    z(b, y * w + c) = double(f(y, c)) - double(0.5f * (f(y ? y - 1 : 1, c) + f(y, c + 1 < w ? c + 1 : c - 1)));
+                }
+        }
+        const double N = double(w) * rows;
+        auto cov = [&](const Mat& v, double divisor) {
+            const Eigen::VectorXd sum = v.rowwise().sum();
+            return Mat((v * v.transpose() - sum * sum.transpose() / N) / divisor);
+        };
+        const Eigen::VectorXd mean = x.rowwise().sum() / N;
         MNFStats stats;
         QString error;
         ASSERT_TRUE(ReadMNFStats(QString::fromStdString(st), stats, error));
         EXPECT_EQ(stats.pixelType, int(s.type));
-        const Mat T = M(s.n, stats.matrix);
-        const Eigen::VectorXd m = Eigen::Map<Eigen::VectorXd>(stats.means.data(), s.n);
-        EXPECT_LT((m - d.mean).cwiseAbs().maxCoeff(), 1e-9 * (1 + d.mean.cwiseAbs().maxCoeff()));
-        Mat white = Mat::Identity(s.n, s.n);
-        white(s.n - 1, s.n - 1) = s.constantBand < 0;
-        EXPECT_LT((T * d.noise * T.transpose() - white).cwiseAbs().maxCoeff(), 1e-3);
-        const Mat snr = T * d.data * T.transpose();
-        EXPECT_LT((snr - Mat(snr.diagonal().asDiagonal())).cwiseAbs().maxCoeff(), 0.02);
-        for (int k = 1; k < s.n; ++k)
-            EXPECT_LE(snr(k, k), snr(k - 1, k - 1));
+        const Mat T = M(n, stats.matrix), data = T * cov(x, N) * T.transpose();
+        const Eigen::VectorXd m = Eigen::Map<Eigen::VectorXd>(stats.means.data(), n), snr = data.diagonal();
+        EXPECT_LT((m - mean).cwiseAbs().maxCoeff(), 1e-9 * (1 + mean.cwiseAbs().maxCoeff()));
+        Mat white = Mat::Identity(n, n);
+        white(n - 1, n - 1) = s.constantBand < 0;
+        EXPECT_LT((T * cov(z, 2 * N) * T.transpose() - white).cwiseAbs().maxCoeff(), 1e-3);
+        EXPECT_LT((data - Mat(snr.asDiagonal())).cwiseAbs().maxCoeff(), 0.02);
+        EXPECT_TRUE(std::is_sorted(snr.begin(), snr.end(), std::greater<>()));
         CMNFTransFunc wide(h.algo().Context());
         ASSERT_TRUE(wide.Forward(QString::fromStdString(in), dir.qfile("w.tif"), dir.qfile("w.sta"), "GTiff", nullptr,
-                                 0, -1, -1, -1, -1, 2 * w * s.n * 4 * 2));
-        const Mat ref = T * (d.x.colwise() - d.mean);
-        for (int k = 0; k < s.n; ++k) {
+                                 0, -1, -1, -1, -1, 2 * w * n * 4 * 2));
+        const Mat ref = T * (x.colwise() - mean);
+        for (int k = 0; k < n; ++k) {
             const auto y = ReadBand(out, k + 1);
             EXPECT_EQ(ReadBand(dir.file("w.tif"), k + 1), y);
             for (size_t p = 0; p < y.size(); ++p)
@@ -220,10 +191,10 @@ TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
             continue; // its matrix is singular: nothing to invert
         ASSERT_TRUE(h.Run(Mnf(false, out, dir.file("back.tif"), st))) << h.Text().toStdString();
         EXPECT_EQ(Info(dir.file("back.tif")).type, s.type);
-        for (int b = 0; b < s.n; ++b) {
+        for (int b = 0; b < n; ++b) {
             const auto back = ReadBand(dir.file("back.tif"), b + 1);
             for (size_t p = 0; p < back.size(); ++p)
-                ASSERT_NEAR(back[p], d.x(b, p), s.type == GDT_Float32 ? 0.05 : 1.0) << b << " " << p;
+                ASSERT_NEAR(back[p], x(b, p), s.type == GDT_Float32 ? 0.05 : 1.0) << b << " " << p;
         }
     }
 }
@@ -278,7 +249,6 @@ TEST(MNFRuns, FailuresAndCancelLeaveNoOutput)
         {false, comps, o, "", ""}, // cancelled
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
         const bool cancel = !*c.text;
         if (c.stats != "-")
             WriteText(st, cancel ? ReadFile(cst) : Records(c.forward ? "old" : c.stats));
@@ -290,17 +260,17 @@ TEST(MNFRuns, FailuresAndCancelLeaveNoOutput)
                 h.algo().Terminate();
         };
         EXPECT_FALSE(h.Run(Mnf(c.forward, c.input, c.output, c.stats == "-" ? "" : st)));
-        EXPECT_EQ(std::make_tuple(h.Code(), h.Text().toStdString()), std::make_tuple(cancel ? -1010 : 1, std::string(c.text)));
-        EXPECT_TRUE(!cancel || reports == 6);
+        EXPECT_EQ(std::make_tuple(h.Code(), h.Text().toStdString(), cancel ? reports : 6),
+                  std::make_tuple(cancel ? -1010 : 1, std::string(c.text), 6));
         EXPECT_FALSE(Exists(c.output) || Exists(st));
     }
     // A window given back to front: an empty text, the stale files the run clears already gone.
+    const QString in = QString::fromStdString(two), out = QString::fromStdString(o), stats = QString::fromStdString(st);
+    AlgoHarness h;
     for (bool forward : {true, false}) {
         WriteText(st, Records(good));
         WriteText(o, "old output");
-        AlgoHarness h;
         CMNFTransFunc worker(h.algo().Context());
-        const QString in = QString::fromStdString(two), out = QString::fromStdString(o), stats = QString::fromStdString(st);
         EXPECT_FALSE(forward ? worker.Forward(in, out, stats, "GTiff", nullptr, 0, 3, 1, 0, 2, 16)
                              : worker.Inverse(in, out, stats, "GTiff", nullptr, 0, 3, 1, 0, 2, 16));
         EXPECT_EQ(worker.ErrorText(), QString());
