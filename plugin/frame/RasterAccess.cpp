@@ -64,10 +64,7 @@ void ConvertToFloats(const void* source, long long count, int type, float* out)
         using T = typename decltype(tag)::type;
         const T* in = static_cast<const T*>(source);
         for (long long i = 0; i < count; ++i)
-            if constexpr (std::is_same_v<T, double>)
-                out[i] = ToFloatSample(in[i]);
-            else
-                out[i] = static_cast<float>(in[i]);
+            out[i] = SampleToFloat(in[i]);
     });
     if (!converted && count > 0)
         std::memset(out, 0, static_cast<std::size_t>(count) * sizeof(float));

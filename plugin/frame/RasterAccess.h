@@ -35,6 +35,15 @@ inline float ToFloatSample(double value)
         return value <= -kRoundsToInfinity ? -std::numeric_limits<float>::infinity() : -std::numeric_limits<float>::max();
     return static_cast<float>(value);
 }
+// One sample as Float32: doubles by the rule above, every other type as the hardware converts it.
+template <class T>
+inline float SampleToFloat(T value)
+{
+    if constexpr (std::is_same_v<T, double>)
+        return ToFloatSample(value);
+    else
+        return static_cast<float>(value);
+}
 // A new zero-filled Float32 copy of count samples of the type (unknown types stay 0);
 // a count below 1 gives a zero-length array. Free with FreeTypedBuffer; null when memory is short.
 float* ToFloatArray(const void* source, long long count, int type);

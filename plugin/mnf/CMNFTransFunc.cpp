@@ -6,11 +6,9 @@
 
 CMNFTransFunc::~CMNFTransFunc() { FreeTypedBuffer(m_pBuffer); }
 
-bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow)
-{
-    return firstCol != kWholeImage && (firstCol > lastCol || firstRow > lastRow);
-}
+namespace {
 
+// False when the window is not inside the image or a band is not in it.
 bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
                           int firstRow, int lastRow, MNFSelection& selection)
 {
@@ -28,21 +26,25 @@ bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, in
     return true;
 }
 
+} // namespace
+
 bool CMNFTransFunc::OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol,
                                  int firstRow, int lastRow, RasterPtr& in, MNFSelection& selection)
 {
-    in = OpenInputRaster(input);
-    if (!in)
-        return Fail(kMNFContext, "Failed to open the input file!");
-    if (!SelectWindowAndBands(*in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, selection)) {
-        m_strError.clear();
-        return false;
+    // A back-to-front window is refused before the input is opened.
+    const bool backwards = firstCol != kWholeImage && (firstCol > lastCol || firstRow > lastRow);
+    if (!backwards) {
+        in = OpenInputRaster(input);
+        if (!in)
+            return Fail(kMNFContext, "Failed to open the input file!");
+        if (SelectWindowAndBands(*in, bands, bandCount, firstCol, lastCol, firstRow, lastRow, selection))
+            return true;
     }
-    return true;
+    m_strError.clear();
+    return false;
 }
 
-int RowsPerBlock(long long budget, long long bytesPerRow, int height)
+int RowsPerBlock(long long budget, int width, long long bytesPerPixel, int height)
 {
-    const long long rows = bytesPerRow > 0 ? budget / bytesPerRow : 1;
-    return static_cast<int>(std::min<long long>(std::max<long long>(rows, 1), height));
+    return static_cast<int>(std::clamp<long long>(RowsWithin(budget, width, bytesPerPixel), 1, height));
 }

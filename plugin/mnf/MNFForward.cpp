@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 using OrvDataSource::RasterDataset;
@@ -70,10 +71,10 @@ class BlockPasses {
 public:
     explicit BlockPasses(MNFForwardRun& run)
         : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
-          m_raw(NewSamples<T>(m_blockSamples))
+          m_raw(kFloat ? nullptr : NewSamples<T>(m_blockSamples))
     {
     }
-    bool Ready() const { return m_raw != nullptr; }
+    bool Ready() const { return kFloat || m_raw != nullptr; }
     const RowBlocks& Blocks() const { return m_blocks; }
 
     // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
@@ -81,12 +82,18 @@ public:
     {
         const long long samples = count * m_run.RowSamples();
         const PixelMajor space = PixelMajorSpacing(m_run.n, m_run.width, sizeof(T));
-        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, m_raw.get(), m_run.width, count,
+        T* raw;
+        if constexpr (kFloat)
+            raw = rows; // already the rows' type: no conversion pass
+        else
+            raw = m_raw.get();
+        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, raw, m_run.width, count,
                                       static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
                                       space.pixel, space.line, space.band))
-            ClearTypedBuffer(m_raw.get(), m_run.type, samples);
-        for (long long i = 0; i < samples; ++i)
-            rows[i] = SampleToFloat(m_raw.get()[i]);
+            ClearTypedBuffer(raw, m_run.type, samples);
+        if constexpr (!kFloat)
+            for (long long i = 0; i < samples; ++i)
+                rows[i] = SampleToFloat(raw[i]);
     }
 
     // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
@@ -118,6 +125,7 @@ public:
     }
 
 private:
+    static constexpr bool kFloat = std::is_same_v<T, float>;
     MNFForwardRun& m_run;
     RowBlocks m_blocks;
     long long m_blockSamples;
@@ -207,14 +215,10 @@ PassEnd DataRotation(MNFForwardRun& run, const BlockPasses<T>& passes, const Mat
     const Matrix whitened = Product(Product(whT, dataCov, n), wh, n);
     Matrix v(whitened.size());
     SortedEigen(whitened.data(), n, v.data(), nullptr, false);
-    Matrix vT(v.size());
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < n; ++i) // the rotation's set-up: one unit a band
         if (!run.Unit())
             return PassEnd::Cancelled;
-        for (int j = 0; j < n; ++j)
-            vT[static_cast<size_t>(i) * n + j] = v[static_cast<size_t>(j) * n + i];
-    }
-    run.transform = Product(vT, whT, n);
+    run.transform = Product(Transposed(v, n), whT, n);
     return PassEnd::Done;
 }
 
@@ -264,10 +268,6 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
 {
     QFile::remove(output);
     QFile::remove(statFile);
-    if (WindowGivenBackwards(firstCol, lastCol, firstRow, lastRow)) {
-        m_strError.clear();
-        return false;
-    }
     MNFForwardRun run;
     if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;
@@ -290,7 +290,7 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
     CopySpatialReference(*run.in, *run.out);
 
     // A budget of 16 bytes gives one row per block; the rule is kept for larger budgets.
-    run.rowsPerBlock = RowsPerBlock(blocks, 2LL * run.width * run.n * 4, run.height);
+    run.rowsPerBlock = RowsPerBlock(blocks, run.width, 2LL * run.n * 4, run.height);
     const ProgressSpan progress(Context(), Tr(kMNFContext, "Forward MNF Transform is running..."), 0, 100,
                                 ProgressMath::Single);
     run.progress = &progress;

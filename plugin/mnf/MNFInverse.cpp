@@ -8,6 +8,8 @@
 
 #include <QFile>
 
+#include <type_traits>
+
 using OrvDataSource::RasterDataset;
 using OrvDataSource::PDT_Float32;
 
@@ -24,16 +26,18 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
 {
     const int n = run.n, width = run.width, rows = run.rowsPerBlock;
     const long long rowSamples = static_cast<long long>(n) * width;
+    // Floating types take the kernel's values as they come; integers pass through a row of doubles.
+    constexpr bool kDirect = std::is_floating_point_v<T>;
     FreeTypedBuffer(m_pBuffer);
     m_pBuffer = NewRows<float>(rows * rowSamples).release();
     TypedBuffer<T> pixels = NewSamples<T>(rows * rowSamples);
-    TypedBuffer<double> values = NewRows<double>(rowSamples);
-    if (!m_pBuffer || !pixels || !values)
+    TypedBuffer<double> values = kDirect ? nullptr : NewRows<double>(rowSamples);
+    if (!m_pBuffer || !pixels || (!kDirect && !values))
         return Fail(kMNFContext, "Apply memory Fail!");
     const BandNumbers outBands = AllBandNumbers(n);
+    const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
+    const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
     for (RowBlock block : RowBlocks(run.height, rows)) {
-        const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
-        const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
         // A failed read counts as zeros rather than whatever the buffer held.
         if (!run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer,
                                     width, block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel,
@@ -41,10 +45,15 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
             ClearTypedBuffer(m_pBuffer, PDT_Float32, block.rows * rowSamples);
         for (int r = 0; r < block.rows; ++r) {
             // value(b) = Σ_k inverse(b,k)·component_k + mean(b)
-            AffineRow(m_pBuffer + r * rowSamples, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
+            const float* components = m_pBuffer + r * rowSamples;
             T* out = pixels.get() + r * rowSamples;
-            for (long long i = 0; i < rowSamples; ++i)
-                out[i] = StorePixel<T>(values.get()[i]);
+            if constexpr (kDirect) {
+                AffineRow(components, n, width, run.inverse.get(), nullptr, run.means.get(), out);
+            } else {
+                AffineRow(components, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
+                for (long long i = 0; i < rowSamples; ++i)
+                    out[i] = StorePixel<T>(values.get()[i]);
+            }
         }
         run.out->WriteRaster(0, block.first, width, block.rows, pixels.get(), width, block.rows,
                              static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel,
@@ -77,10 +86,6 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
         std::copy(stats.matrix.begin(), stats.matrix.begin() + count, run.inverse.get());
         std::copy(stats.means.begin(), stats.means.begin() + run.n, run.means.get());
     }
-    if (WindowGivenBackwards(firstCol, lastCol, firstRow, lastRow)) {
-        m_strError.clear();
-        return false;
-    }
     if (!OpenSelected(input, bands, bandCount, firstCol, lastCol, firstRow, lastRow, run.in, run.sel))
         return false;
     if (static_cast<int>(run.sel.bands.size()) != run.n)
@@ -96,7 +101,7 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
 
     // The result is not checked, on purpose: a singular matrix is used as the elimination left it.
     InvertMatrix(run.inverse.get(), run.n);
-    run.rowsPerBlock = RowsPerBlock(blocks, static_cast<long long>(run.width) * 8, run.height);
+    run.rowsPerBlock = RowsPerBlock(blocks, run.width, 8, run.height);
     const ProgressSpan progress(Context(), Tr(kMNFContext, "Inverse MNF Transform is running..."), 0, 100,
                                 ProgressMath::Single);
     run.progress = &progress;

@@ -165,7 +165,24 @@ template <int N, class Out>
     }
 }
 
-// The plain paths, for band counts without a register kernel.
+// The plain paths, for band counts without a register kernel. Only the upper triangle of the
+// products is summed, pixel by pixel; the row's end mirrors it (the same numbers either way round).
+inline void AddPixel(const double* z, long long n, double* sums, double* cross)
+{
+    for (long long a = 0; a < n; ++a) {
+        sums[a] += z[a];
+        for (long long b = a; b < n; ++b)
+            cross[a * n + b] += z[a] * z[b];
+    }
+}
+
+void MirrorUpper(long long n, double* cross)
+{
+    for (long long a = 1; a < n; ++a)
+        for (long long b = 0; b < a; ++b)
+            cross[a * n + b] = cross[b * n + a];
+}
+
 void NoiseRowAny(const float* up, const float* row, int n, int width, double* sums, double* cross)
 {
     std::vector<double> z(n);
@@ -173,23 +190,20 @@ void NoiseRowAny(const float* up, const float* row, int n, int width, double* su
         const long long at = static_cast<long long>(c) * n, side = static_cast<long long>(SideOf(c, width)) * n;
         for (int b = 0; b < n; ++b)
             z[b] = NoiseOf(up[at + b], row[at + b], row[side + b]);
-        for (long long a = 0; a < n; ++a) {
-            sums[a] += z[a];
-            for (long long b = 0; b < n; ++b)
-                cross[a * n + b] += z[a] * z[b];
-        }
+        AddPixel(z.data(), n, sums, cross);
     }
+    MirrorUpper(n, cross);
 }
 
 void DataRowAny(const float* row, int n, int width, double* sums, double* cross)
 {
-    for (long long at = 0; at < static_cast<long long>(width) * n; at += n)
-        for (long long a = 0; a < n; ++a) {
-            const double x = row[at + a];
-            sums[a] += x;
-            for (long long b = 0; b < n; ++b)
-                cross[a * n + b] += x * static_cast<double>(row[at + b]);
-        }
+    std::vector<double> z(n);
+    for (long long at = 0; at < static_cast<long long>(width) * n; at += n) {
+        for (int b = 0; b < n; ++b)
+            z[b] = row[at + b];
+        AddPixel(z.data(), n, sums, cross);
+    }
+    MirrorUpper(n, cross);
 }
 
 template <class Out>

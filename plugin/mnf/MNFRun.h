@@ -18,13 +18,8 @@ struct MNFSelection {
     BandNumbers bands;
 };
 
-// False when the window is not inside the image (first > last included).
-bool SelectWindowAndBands(OrvDataSource::RasterDataset& in, const int* bands, int bandCount, int firstCol, int lastCol,
-                          int firstRow, int lastRow, MNFSelection& selection);
-bool WindowGivenBackwards(int firstCol, int lastCol, int firstRow, int lastRow);
-
-// Rows of one block under a byte budget of `bytesPerRow` a row, at least one, at most `height`.
-int RowsPerBlock(long long budget, long long bytesPerRow, int height);
+// Rows of one block under a byte budget, at least one, at most `height`.
+int RowsPerBlock(long long budget, int width, long long bytesPerPixel, int height);
 
 // The truncated integer's low 64 bits; NaN and ±∞ have none and give 0.
 inline uint64_t TruncatedLowBits(double v)
@@ -37,27 +32,12 @@ inline uint64_t TruncatedLowBits(double v)
     return r < 0 ? -static_cast<uint64_t>(-r) : static_cast<uint64_t>(r);
 }
 
-// A double stored in pixel type T: integers truncate toward zero and wrap to their low bytes
-// (no rounding, no clamping), floating types convert plainly.
+// A double stored in integer pixel type T: truncated toward zero and wrapped to its low bytes
+// (no rounding, no clamping).
 template <class T>
 inline T StorePixel(double v)
 {
-    if constexpr (std::is_same_v<T, float>)
-        return ToFloatSample(v);
-    else if constexpr (std::is_floating_point_v<T>)
-        return v;
-    else
-        return static_cast<T>(TruncatedLowBits(v));
-}
-
-// A sample of type T as Float32: doubles beyond the float range by the frame's defined rule.
-template <class T>
-inline float SampleToFloat(T v)
-{
-    if constexpr (std::is_same_v<T, double>)
-        return ToFloatSample(v);
-    else
-        return static_cast<float>(v);
+    return static_cast<T>(TruncatedLowBits(v));
 }
 
 // Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
