@@ -48,6 +48,7 @@ private:
     bool PrepareForward(const stForwardPCAInfo& info, int& status);
     bool ResetAccumulators();
     void EnsureStatFile();
+    long long BlockRows() const;
     int FinishMatrix();
     bool DecomposeAndStore();
     void HandBackEigenValues() const;
