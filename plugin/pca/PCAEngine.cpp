@@ -199,34 +199,18 @@ int CPCAEngine::StatisticsPass(int components)
         return Fail(1, "Failed to open the input file!");
     EnsureStatFile();
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
     const long long rows = BlockRows();
     if (rows < 1)
         return Fail(1, kTooWide);
-    const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
-    const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
-    TypedBuffer<TIn> buffer = NewSamples<TIn>(chunkSamples);
-    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
-    if (!buffer || !values)
-        return Fail(1, "Apply memory Fail!");
-
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    readSpan.ReportPercent(0);
-    for (const RowBlock block : blocks) {
-        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
-            if (!ReadRows(*m_pDataset, block.first + chunk.first, chunk.rows, n, buffer.get()))
-                return Fail(1, "Failed to read the input file!");
-            const long long pixels = static_cast<long long>(chunk.rows) * width;
-            PcaWiden(buffer.get(), pixels * n, values.get());
-            PcaWithBandCount(n, [&](auto fixed) {
-                PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
-            });
-        }
-        if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
-            m_pStatFile.reset();
-            return Fail(6, QString());
-        }
+    const int read = ReadBlocks<TIn>(rows, readSpan, true, [&](int, int, long long pixels, const double* values) {
+        PcaWithBandCount(n, [&](auto fixed) {
+            PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+        });
+    });
+    if (read != 0) {
+        m_pStatFile.reset();
+        return read;
     }
     if (const int status = FinishMatrix())
         return status;
@@ -357,28 +341,22 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     return status;
 }
 
-// Both rotations: every pixel's first m of n rotated values, block by block, reporting and polling
-// after each block. The input's sample range is read only if a value falls outside the output type.
-template <class TIn, class TOut>
-int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
-                             const double* add, const ProgressSpan& span)
+// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read, widened
+// to double and handed to fn(first row, rows, pixels, values); after each block the span reports and
+// polls. `announce` reports the span's start once the buffers are there. 0, or the failed status.
+template <class TIn, class Fn>
+int CPCAEngine::ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn)
 {
     const int n = m_nBands;
     const int width = m_pDataset->GetRasterXSize();
     const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkPixels = static_cast<long long>(chunkRows) * width;
-    TypedBuffer<TIn> in = NewSamples<TIn>(chunkPixels * n);
-    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n);
-    TypedBuffer<TOut> result = NewSamples<TOut>(chunkPixels * m);
-    std::vector<double> scratch(2 * n);
-    if (!in || !values || !result)
+    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
+    TypedBuffer<TIn> in = NewSamples<TIn>(chunkSamples);
+    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
+    if (!in || !values)
         return Fail(1, "Apply memory Fail!");
-    std::optional<PcaSampleRange> range;
-    auto inputRange = [&]() -> const PcaSampleRange& {
-        if (!range)
-            range = InputRange<TIn>(*m_pDataset);
-        return *range;
-    };
+    if (announce)
+        span.Report(0, 1);
     const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
     for (const RowBlock block : blocks) {
         for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
@@ -387,16 +365,39 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                 return Fail(1, "Failed to read the input file!");
             const long long pixels = static_cast<long long>(chunk.rows) * width;
             PcaWiden(in.get(), pixels * n, values.get());
-            PcaWithBandCount(n, [&](auto fixed) {
-                PcaRotate<decltype(fixed)::value>(values.get(), pixels, n, sub, weights, add, scratch.data());
-            });
-            PcaNarrow(values.get(), pixels, n, m, result.get(), inputRange);
-            WriteRows(out, first, chunk.rows, m, result.get());
+            fn(first, chunk.rows, pixels, values.get());
         }
         if (!span.ReportAndPoll(block.index, blocks.Count()))
             return Fail(6, QString());
     }
     return 0;
+}
+
+// Both rotations: every pixel's first m of n rotated values. The input's sample range is read only
+// if a value falls outside the output type.
+template <class TIn, class TOut>
+int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
+                             const double* add, const ProgressSpan& span)
+{
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(ChunkRows(rows, width, n)) * width * m);
+    std::vector<double> scratch(2 * n);
+    if (!result)
+        return Fail(1, "Apply memory Fail!");
+    std::optional<PcaSampleRange> range;
+    auto inputRange = [&]() -> const PcaSampleRange& {
+        if (!range)
+            range = InputRange<TIn>(*m_pDataset);
+        return *range;
+    };
+    return ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
+        PcaWithBandCount(n, [&](auto fixed) {
+            PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
+        });
+        PcaNarrow(values, pixels, n, m, result.get(), inputRange);
+        WriteRows(out, first, chunkRows, m, result.get());
+    });
 }
 
 // ---------------------------------------------------------------- inverse
