@@ -36,10 +36,20 @@ OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
     return OrvUtility::dynamic_ptr_cast<RasterDataset>(DatasetFactory::Instance()->OpenDataset(path, OM_Read, QString()));
 }
 
-void PlaceOnInput(RasterDataset& in, RasterDataset& out)
+const char* kTooWide = "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.";
+
+// An output on the input's grid, with its projection and geotransform; null when it cannot be created.
+template <class TOut>
+OrvUtility::_ptr_t<RasterDataset> CreatePlaced(RasterDataset& in, const QString& path, int bands, const QString& format)
 {
-    CopySpatialReference(in, out);
-    CopyGeoTransform(in, out);
+    auto out = DatasetFactory::Instance()->CreateRasterDataset(path, in.GetRasterXSize(), in.GetRasterYSize(), bands,
+                                                               static_cast<PixelDataType>(PixelTypeOf<TOut>()), format,
+                                                               nullptr);
+    if (out) {
+        CopySpatialReference(in, *out);
+        CopyGeoTransform(in, *out);
+    }
+    return out;
 }
 
 // Pixel-major reads and writes of whole rows of bands 1..bands.
@@ -97,6 +107,12 @@ int CPCAEngine::Fail(int status, const QString& text) const
 }
 
 int CPCAEngine::Fail(int status, const char* text) const { return Fail(status, Tr(kContext, text)); }
+
+// Rows of all n bands per block, about 4 Mi samples; 0 when not even one row fits.
+long long CPCAEngine::BlockRows() const
+{
+    return RowsWithin(m_nBlockMi * kMi, m_pDataset->GetRasterXSize(), m_nBands);
+}
 
 // ---------------------------------------------------------------- forward
 
@@ -183,35 +199,18 @@ int CPCAEngine::StatisticsPass(int components)
         return Fail(1, "Failed to open the input file!");
     EnsureStatFile();
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    const int height = m_pDataset->GetRasterYSize();
-    const long long rows = RowsWithin(m_nBlockMi * kMi, width, n);
+    const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
-    const RowBlocks blocks(height, static_cast<int>(rows));
-    const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
-    TypedBuffer<TIn> buffer = NewSamples<TIn>(chunkSamples);
-    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
-    if (!buffer || !values)
-        return Fail(1, "Apply memory Fail!");
-
+        return Fail(1, kTooWide);
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    readSpan.ReportPercent(0);
-    for (const RowBlock block : blocks) {
-        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
-            if (!ReadRows(*m_pDataset, block.first + chunk.first, chunk.rows, n, buffer.get()))
-                return Fail(1, "Failed to read the input file!");
-            const long long pixels = static_cast<long long>(chunk.rows) * width;
-            PcaWiden(buffer.get(), pixels * n, values.get());
-            PcaWithBandCount(n, [&](auto fixed) {
-                PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
-            });
-        }
-        if (!readSpan.ReportAndPoll(block.index, blocks.Count())) {
-            m_pStatFile.reset();
-            return Fail(6, QString());
-        }
+    const int read = ReadBlocks<TIn>(rows, readSpan, true, [&](int, int, long long pixels, const double* values) {
+        PcaWithBandCount(n, [&](auto fixed) {
+            PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+        });
+    });
+    if (read != 0) {
+        m_pStatFile.reset();
+        return read;
     }
     if (const int status = FinishMatrix())
         return status;
@@ -323,54 +322,41 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     const int m = components > 0 ? components : n;
     if (m > n || m_eigenVectors.rows() < n || m_eigenVectors.cols() < m)
         return Fail(1, "No statistics for this rotation: run the statistics-only step on this object first.");
-    const int width = m_pDataset->GetRasterXSize();
-    const int height = m_pDataset->GetRasterYSize();
-    const long long rows = RowsWithin(m_nBlockMi * kMi, width, n);
+    const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
+        return Fail(1, kTooWide);
     m_projection = m_eigenVectors.topLeftCorner(n, m);
     // Square for the rotation step; the columns past m only compute values that are not written.
     Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = Eigen::MatrixXd::Zero(n, n);
     weights.leftCols(m) = m_projection;
-    RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, m,
-                                                                       static_cast<PixelDataType>(PixelTypeOf<TOut>()),
-                                                                       format, nullptr);
+    RasterPtr raster = CreatePlaced<TOut>(*m_pDataset, output, m, format);
     if (!raster)
         return Fail(2, "The output file could not be created!");
-    PlaceOnInput(*m_pDataset, *raster);
     const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
-    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
-                                                   weights.data(), nullptr, span)) {
-        m_pStatFile.reset();
-        return status;
-    }
-    CopyRpcIfPresent(*m_pDataset, *raster);
+    const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
+                                               weights.data(), nullptr, span);
+    if (status == 0)
+        CopyRpcIfPresent(*m_pDataset, *raster);
     m_pStatFile.reset();
-    return 0;
+    return status;
 }
 
-// Both rotations: every pixel's first m of n rotated values, block by block, reporting and polling
-// after each block. The input's sample range is read only if a value falls outside the output type.
-template <class TIn, class TOut>
-int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
-                             const double* add, const ProgressSpan& span)
+// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read, widened
+// to double and handed to fn(first row, rows, pixels, values); after each block the span reports and
+// polls. `announce` reports the span's start once the buffers are there. 0, or the failed status.
+template <class TIn, class Fn>
+int CPCAEngine::ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn)
 {
     const int n = m_nBands;
     const int width = m_pDataset->GetRasterXSize();
     const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkPixels = static_cast<long long>(chunkRows) * width;
-    TypedBuffer<TIn> in = NewSamples<TIn>(chunkPixels * n);
-    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n);
-    TypedBuffer<TOut> result = NewSamples<TOut>(chunkPixels * m);
-    std::vector<double> scratch(2 * n);
-    if (!in || !values || !result)
+    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
+    TypedBuffer<TIn> in = NewSamples<TIn>(chunkSamples);
+    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
+    if (!in || !values)
         return Fail(1, "Apply memory Fail!");
-    std::optional<PcaSampleRange> range;
-    auto inputRange = [&]() -> const PcaSampleRange& {
-        if (!range)
-            range = InputRange<TIn>(*m_pDataset);
-        return *range;
-    };
+    if (announce)
+        span.Report(0, 1);
     const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
     for (const RowBlock block : blocks) {
         for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
@@ -379,16 +365,39 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                 return Fail(1, "Failed to read the input file!");
             const long long pixels = static_cast<long long>(chunk.rows) * width;
             PcaWiden(in.get(), pixels * n, values.get());
-            PcaWithBandCount(n, [&](auto fixed) {
-                PcaRotate<decltype(fixed)::value>(values.get(), pixels, n, sub, weights, add, scratch.data());
-            });
-            PcaNarrow(values.get(), pixels, n, m, result.get(), inputRange);
-            WriteRows(out, first, chunk.rows, m, result.get());
+            fn(first, chunk.rows, pixels, values.get());
         }
         if (!span.ReportAndPoll(block.index, blocks.Count()))
             return Fail(6, QString());
     }
     return 0;
+}
+
+// Both rotations: every pixel's first m of n rotated values. The input's sample range is read only
+// if a value falls outside the output type.
+template <class TIn, class TOut>
+int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
+                             const double* add, const ProgressSpan& span)
+{
+    const int n = m_nBands;
+    const int width = m_pDataset->GetRasterXSize();
+    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(ChunkRows(rows, width, n)) * width * m);
+    std::vector<double> scratch(2 * n);
+    if (!result)
+        return Fail(1, "Apply memory Fail!");
+    std::optional<PcaSampleRange> range;
+    auto inputRange = [&]() -> const PcaSampleRange& {
+        if (!range)
+            range = InputRange<TIn>(*m_pDataset);
+        return *range;
+    };
+    return ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
+        PcaWithBandCount(n, [&](auto fixed) {
+            PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
+        });
+        PcaNarrow(values, pixels, n, m, result.get(), inputRange);
+        WriteRows(out, first, chunkRows, m, result.get());
+    });
 }
 
 // ---------------------------------------------------------------- inverse
@@ -441,22 +450,15 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
                                const QString& format)
 {
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    const int height = m_pDataset->GetRasterYSize();
-    const long long rows = RowsWithin(4 * kMi, width, n);
+    const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.");
-    RasterPtr raster = DatasetFactory::Instance()->CreateRasterDataset(output, width, height, n,
-                                                                       static_cast<PixelDataType>(PixelTypeOf<TOut>()),
-                                                                       format, nullptr);
+        return Fail(1, kTooWide);
+    RasterPtr raster = CreatePlaced<TOut>(*m_pDataset, output, n, format);
     if (!raster)
         return Fail(2, "The output file could not be created!");
-    PlaceOnInput(*m_pDataset, *raster);
     // Component k of a pixel weighs back-rotation column k: weights[k][b] = back(b, k). The mean
     // goes back whatever the forward run subtracted; intended.
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();
     const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
-    if (const int status = RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span))
-        return status;
-    return 0;
+    return RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span);
 }

@@ -39,6 +39,8 @@ private:
     int StatisticsPass(int components);
     template <class TIn, class TOut>
     int Projection(const QString& output, int components, bool subtractMean, const QString& format);
+    template <class TIn, class Fn>
+    int ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn);
     template <class TIn, class TOut>
     int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
                      const double* weights, const double* add, const ProgressSpan& span);
@@ -48,6 +50,7 @@ private:
     bool PrepareForward(const stForwardPCAInfo& info, int& status);
     bool ResetAccumulators();
     void EnsureStatFile();
+    long long BlockRows() const;
     int FinishMatrix();
     bool DecomposeAndStore();
     void HandBackEigenValues() const;

@@ -123,37 +123,61 @@ void PcaWithBandCount(int n, Fn&& fn)
     }
 }
 
+// The pixel loops below, written once for a band count fixed at compile time (an
+// std::integral_constant) or known at run time only (an int).
+template <class Count>
+[[gnu::always_inline]] inline void PcaAccumulatePixels(const double* x, long long pixels, Count n, double* sum,
+                                                       double* sumsq, double* cross)
+{
+    for (long long p = 0; p < pixels; ++p, x += n) {
+        for (int b = 0; b < n; ++b) {
+            sum[b] += x[b];
+            sumsq[b] += x[b] * x[b];
+        }
+        for (int b = 0; b < n; ++b)
+            for (int j = b; j < n; ++j)
+                cross[b * n + j] += x[j] * x[b];
+    }
+}
+
+// scratch (2n values) serves only a run-time n; fixed sizes keep theirs in registers. The flags
+// come apart from the pointers so that the fixed path can hand over its local copies.
+template <class Count>
+[[gnu::always_inline]] inline void PcaRotatePixels(double* x, long long pixels, Count n, bool subtract,
+                                                   const double* sub, const double* w, bool adding,
+                                                   const double* add, double* scratch)
+{
+    constexpr int kFixed = std::is_same_v<Count, int> ? 1 : static_cast<int>(Count{});
+    for (long long p = 0; p < pixels; ++p, x += n) {
+        double fixedV[kFixed], fixedAcc[kFixed];
+        double* v = std::is_same_v<Count, int> ? scratch : fixedV;
+        double* acc = std::is_same_v<Count, int> ? scratch + n : fixedAcc;
+        for (int j = 0; j < n; ++j)
+            v[j] = subtract ? x[j] - sub[j] : x[j];
+        for (int k = 0; k < n; ++k)
+            acc[k] = 0.0;
+        for (int j = 0; j < n; ++j)
+            for (int k = 0; k < n; ++k)
+                acc[k] += v[j] * w[j * n + k];
+        for (int k = 0; k < n; ++k)
+            x[k] = adding ? acc[k] + add[k] : acc[k];
+    }
+}
+
 // Sums, sums of squares and the upper triangle of the cross products of pixel-interleaved values,
 // each added in pixel order (so the lower triangle is the same number).
 template <int N>
 void PcaAccumulate(const double* x, long long pixels, int bands, double* sum, double* sumsq, double* cross)
 {
     if constexpr (N == 0) {
-        const int n = bands;
-        for (long long p = 0; p < pixels; ++p, x += n) {
-            for (int b = 0; b < n; ++b) {
-                sum[b] += x[b];
-                sumsq[b] += x[b] * x[b];
-            }
-            for (int b = 0; b < n; ++b)
-                for (int j = b; j < n; ++j)
-                    cross[b * n + j] += x[j] * x[b];
-        }
+        PcaAccumulatePixels(x, pixels, bands, sum, sumsq, cross);
     } else {
         // The same additions in the same order, on copies the compiler can keep in registers.
         double s[N], q[N], c[N * N];
         std::copy(sum, sum + N, s);
         std::copy(sumsq, sumsq + N, q);
         std::copy(cross, cross + N * N, c);
-        for (long long p = 0; p < pixels; ++p, x += N) {
-            for (int b = 0; b < N; ++b) {
-                s[b] += x[b];
-                q[b] += x[b] * x[b];
-            }
-            for (int b = 0; b < N; ++b)
-                for (int j = b; j < N; ++j)
-                    c[b * N + j] += x[j] * x[b];
-        }
+        PcaAccumulatePixels(x, pixels, std::integral_constant<int, N>{}, s, q, c);
         std::copy(s, s + N, sum);
         std::copy(q, q + N, sumsq);
         std::copy(c, c + N * N, cross);
@@ -168,20 +192,7 @@ void PcaRotate(double* x, long long pixels, int bands, const double* sub, const 
                double* scratch)
 {
     if constexpr (N == 0) {
-        const int n = bands;
-        double* v = scratch;
-        double* acc = v + n;
-        for (long long p = 0; p < pixels; ++p, x += n) {
-            for (int j = 0; j < n; ++j)
-                v[j] = sub ? x[j] - sub[j] : x[j];
-            for (int k = 0; k < n; ++k)
-                acc[k] = 0.0;
-            for (int j = 0; j < n; ++j)
-                for (int k = 0; k < n; ++k)
-                    acc[k] += v[j] * w[j * n + k];
-            for (int k = 0; k < n; ++k)
-                x[k] = add ? acc[k] + add[k] : acc[k];
-        }
+        PcaRotatePixels(x, pixels, bands, sub != nullptr, sub, w, add != nullptr, add, scratch);
     } else {
         // Local copies: x is written in place, so nothing read through the other pointers may
         // look as if it could change under the loop.
@@ -191,15 +202,7 @@ void PcaRotate(double* x, long long pixels, int bands, const double* sub, const 
             std::copy(sub, sub + N, sl);
         if (add)
             std::copy(add, add + N, al);
-        for (long long p = 0; p < pixels; ++p, x += N) {
-            double v[N], acc[N] = {};
-            for (int j = 0; j < N; ++j)
-                v[j] = sub ? x[j] - sl[j] : x[j];
-            for (int j = 0; j < N; ++j)
-                for (int k = 0; k < N; ++k)
-                    acc[k] += v[j] * wl[j * N + k];
-            for (int k = 0; k < N; ++k)
-                x[k] = add ? acc[k] + al[k] : acc[k];
-        }
+        PcaRotatePixels(x, pixels, std::integral_constant<int, N>{}, sub != nullptr, sl, wl, add != nullptr, al,
+                        scratch);
     }
 }

@@ -8,12 +8,12 @@
 
 namespace {
 
-// Also holds the sign rule: every filled column has its largest-magnitude element positive.
+// Symmetric input, so its storage order does not matter. Also holds the sign rule: every filled
+// column has its largest-magnitude element positive.
 PcaEigenResult Decompose(const Eigen::MatrixXd& a)
 {
-    const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> rows = a;
     PcaEigenResult r;
-    EXPECT_TRUE(PcaDecompose(rows.data(), static_cast<int>(a.rows()), 0.001, r));
+    EXPECT_TRUE(PcaDecompose(a.data(), static_cast<int>(a.rows()), 0.001, r));
     for (int k = 0; k < r.filled; ++k) {
         Eigen::Index i;
         r.vectors.col(k).cwiseAbs().maxCoeff(&i);
@@ -24,44 +24,30 @@ PcaEigenResult Decompose(const Eigen::MatrixXd& a)
 
 } // namespace
 
-// Hand-worked cases: a 2×2 pair, a diagonal that needs no rotation, and repeated eigenvalues that
-// fill fewer positions; then matrices that must not keep the solver turning.
+// Hand-worked: a diagonal needs no rotation, and its repeated eigenvalues fill fewer positions (the
+// later index wins); then matrices that must not keep the solver turning.
 TEST(PcaDecompose, SmallCasesMatchHandWorkedEigenpairsAndEveryInputEnds)
 {
-    Eigen::MatrixXd two(2, 2);
-    two << 2, 1, 1, 2;
-    PcaEigenResult r = Decompose(two);
-    EXPECT_NEAR(r.values[0], 3, 1e-12);
-    EXPECT_NEAR(r.values[1], 1, 1e-12);
-    EXPECT_NEAR(r.vectors(0, 0), std::sqrt(0.5), 1e-12);
-    EXPECT_NEAR(r.vectors(1, 0), std::sqrt(0.5), 1e-12);
-
-    r = Decompose(Eigen::Vector3d(1, 5, 3).asDiagonal());
-    EXPECT_EQ(r.values, (std::vector<double>{5, 3, 1}));
-    EXPECT_TRUE(r.vectors.isApprox((Eigen::Matrix3d() << 0, 0, 1, 1, 0, 0, 0, 1, 0).finished()));
-    EXPECT_DOUBLE_EQ(r.cumulative[2], 1.0);
-
-    r = Decompose(Eigen::Vector4d(2, 7, 2, 7).asDiagonal());
-    EXPECT_EQ(r.filled, 2);
-    EXPECT_EQ(r.values[0], 7);
-    EXPECT_EQ(r.values[1], 2);
+    PcaEigenResult r = Decompose(Eigen::Vector4d(2, 7, 2, 7).asDiagonal());
+    EXPECT_TRUE(r.filled == 2 && r.values[0] == 7 && r.values[1] == 2);
+    EXPECT_TRUE(r.vectors.col(0) == Eigen::Vector4d::Unit(3) && r.vectors.col(1) == Eigen::Vector4d::Unit(2));
     EXPECT_DOUBLE_EQ(r.contribution[0], 7.0 / 18.0) << "the total counts repeated values";
 
     // No rotation budget: huge covariances and non-finite entries (a constant band in correlation
     // mode) must still end.
-    const double nan = std::nan(""), inf = INFINITY;
     Eigen::MatrixXd m(3, 3);
     m << 1e18, 9.99e17, -3e17, 9.99e17, 1e18, 2e17, -3e17, 2e17, 4e17;
     r = Decompose(m);
     EXPECT_NEAR(r.values[0] + r.values[1] + r.values[2], m.trace(), 1e4);
-    for (double bad : {nan, inf, -inf}) {
+    for (double bad : {std::nan(""), HUGE_VAL, -HUGE_VAL}) {
         m << 1, 0.5, bad, 0.5, 1, bad, bad, bad, 1;
         Decompose(m);
     }
 }
 
-// Identities on random symmetric matrices, and agreement with Eigen's solver up to sign.
-TEST(PcaDecompose, RandomSymmetricMatricesSatisfyTheEigenIdentities)
+// Random symmetric matrices: the eigen equation holds, and values and vectors (up to sign) agree
+// with Eigen's solver.
+TEST(PcaDecompose, RandomSymmetricMatricesAgreeWithEigensSolver)
 {
     std::mt19937 gen(7);
     std::uniform_real_distribution<double> u(-50, 50);
@@ -70,14 +56,12 @@ TEST(PcaDecompose, RandomSymmetricMatricesSatisfyTheEigenIdentities)
         const Eigen::MatrixXd a = b * b.transpose(); // covariance-like
         const PcaEigenResult r = Decompose(a);
         ASSERT_EQ(r.filled, n);
+        EXPECT_NEAR(r.cumulative[n - 1], 1.0, 1e-12) << n;
         const Eigen::Map<const Eigen::VectorXd> lambda(r.values.data(), n);
-        const double scale = a.norm();
         EXPECT_LT((a * r.vectors - r.vectors * lambda.asDiagonal()).norm(), n * 1e-3) << n;
-        EXPECT_LT((r.vectors.transpose() * r.vectors - Eigen::MatrixXd::Identity(n, n)).norm(), 1e-9) << n;
-        EXPECT_NEAR(lambda.sum(), a.trace(), 1e-9 * scale) << n;
         Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> ref(a);
         for (int k = 0; k < n; ++k) {
-            EXPECT_NEAR(r.values[k], ref.eigenvalues()(n - 1 - k), 1e-6 * scale) << n;
+            EXPECT_NEAR(r.values[k], ref.eigenvalues()(n - 1 - k), 1e-6 * a.norm()) << n;
             EXPECT_NEAR(std::fabs(r.vectors.col(k).dot(ref.eigenvectors().col(n - 1 - k))), 1.0, 1e-4) << n;
         }
     }
@@ -90,14 +74,14 @@ TEST(PcaConvert, OnlyValuesOutsideTheTypeAreStretchedByTheInputRange)
     PcaSampleRange range;
     range.Add(-10);
     range.Add(300);
-    int asked = 0;
-    auto r = [&]() -> const PcaSampleRange& { ++asked; return range; };
+    auto r = [&]() -> const PcaSampleRange& { return range; };
     struct Case { double c; double byte, u16, i16, u32, i32, f32; };
     const Case cases[] = {
         {12.7, 12, 12, 12, 12, 12, 12.7f},
         {-5.0, 4, 1057, -5, 69273666, -5, -5.0f}, // (−5 + 10)·F/310 + lo
         {-20.0, 0, 0, -20, 0, -20, -20.0f},        // at or below lo_in: lo
         {280.0, 238, 280, 280, 280, 280, 280.0f},  // Byte: 290·255/310 = 238.5
+        {255.0, 217, 255, 255, 255, 255, 255.0f},  // the bound itself is outside: 265·255/310
         {400.0, 255, 400, 400, 400, 400, 400.0f},  // at or above hi_in: hi
         {-1e12, 0, 0, -32768, 0, -2147483648.0, -1e12f},
         {1e12, 255, 65535, 32767, 4294967295.0, 2147483647, 1e12f},
@@ -112,16 +96,8 @@ TEST(PcaConvert, OnlyValuesOutsideTheTypeAreStretchedByTheInputRange)
         EXPECT_TRUE(PcaConvert<T>(c, r) == expected && two[0] == expected && two[1] == expected) << c;
     };
     for (const Case& c : cases) {
-        check(uint8_t(c.byte), c.c);
-        check(uint16_t(c.u16), c.c);
-        check(int16_t(c.i16), c.c);
-        check(uint32_t(c.u32), c.c);
-        check(int32_t(c.i32), c.c);
-        check(float(c.f32), c.c);
+        check(uint8_t(c.byte), c.c), check(uint16_t(c.u16), c.c), check(int16_t(c.i16), c.c);
+        check(uint32_t(c.u32), c.c), check(int32_t(c.i32), c.c), check(float(c.f32), c.c);
         EXPECT_TRUE(std::isnan(c.c) || PcaConvert<double>(c.c, r) == c.c) << c.c;
     }
-    asked = 0;
-    PcaConvert<uint8_t>(100.0, r);
-    PcaConvert<float>(1e30, r);
-    EXPECT_EQ(asked, 0) << "values that fit never ask for the input's range";
 }

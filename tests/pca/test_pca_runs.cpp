@@ -7,7 +7,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <sys/wait.h>
 
 using namespace tavtest;
@@ -29,24 +28,17 @@ stInversePCAInfo Inv(const std::string& in, const std::string& stats, const std:
 
 std::vector<double> ReadDoubles(const std::string& path)
 {
-    std::ifstream f(path, std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(f)), {});
+    const std::string bytes = ReadFile(path);
     std::vector<double> v(bytes.size() / 8);
     return std::memcpy(v.data(), bytes.data(), v.size() * 8), v;
 }
 
 void WriteDoubles(const std::string& path, const std::vector<double>& v)
 {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(v.data()), v.size() * 8);
+    WriteText(path, std::string(reinterpret_cast<const char*>(v.data()), v.size() * 8));
 }
 
 double Pixel(int b, int x, int y) { return (x * 7 + y * 13 + b * b * 31 + x * y * b) % 251; }
-
-std::string SmallScene(const TempDir& dir)
-{
-    WriteRaster(dir.file("in.tif"), Shape(6, 5, 3), Pixel);
-    return dir.file("in.tif");
-}
 
 // A raster's first `bands` bands as the columns of a pixels × bands matrix.
 Eigen::MatrixXd Pixels(const std::string& path, int bands)
@@ -59,52 +51,41 @@ Eigen::MatrixXd Pixels(const std::string& path, int bands)
 
 } // namespace
 
-// Means and population covariance against a direct two-pass formula, on scenes of two full blocks
-// of 4 Mi samples and of a short last block; the file keeps them at their offsets.
-TEST(PcaStatistics, MeansAndCovarianceMatchADirectFormulaAcrossBlocks)
+// Statistics only, on scenes of two full blocks of 4 Mi samples and of a short last block: means and
+// the population covariance (or correlation) at their offsets against a direct two-pass formula, the
+// eigenvalues handed back and stored. A rotation-only run of the same object then projects bands
+// 1..3 with the kept eigenvectors and zero means.
+TEST(PcaModes, StatisticsOnlyAcrossBlocksThenRotationOnlyWithThreeComponents)
 {
     TempDir dir;
-    for (int height : {512, 300}) { // 4096 × 4 samples a row: 256 rows a block
+    for (const auto& [height, covariance] : {std::pair{512, true}, std::pair{300, false}}) { // 256 rows a block
         const std::string in = dir.file("in.tif");
         WriteRaster(in, Shape(4096, height, 4, GDT_Byte), Pixel);
         AlgoHarness h;
-        ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, false, 0, true)));
+        ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, true, 0, true, covariance)));
+        EXPECT_FALSE(Exists(dir.file("o.tif"))) << "statistics only";
         const Eigen::MatrixXd x = Pixels(in, 4);
-        const Eigen::RowVectorXd mean = x.colwise().mean();
-        const Eigen::MatrixXd centred = x.rowwise() - mean;
-        const Eigen::MatrixXd cov = centred.transpose() * centred / double(x.rows());
+        const Eigen::MatrixXd centred = x.rowwise() - x.colwise().mean();
+        Eigen::MatrixXd c = centred.transpose() * centred / double(x.rows());
+        const Eigen::VectorXd sd = c.diagonal().cwiseSqrt();
+        c = covariance ? c : Eigen::MatrixXd(c.cwiseQuotient(sd * sd.transpose()));
         const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
         ASSERT_EQ(file.size(), 2 * 16 + 12 + 1u);
-        EXPECT_LT((Eigen::Map<const Eigen::RowVector4d>(&file[1]) - mean).norm(), 1e-9) << height;
-        EXPECT_LT((Eigen::Map<const Eigen::Matrix4d>(&file[5]) - cov).norm(), 1e-9 * cov.norm()) << height;
-        EXPECT_FALSE(Exists(dir.file("o.tif"))) << "statistics only";
+        EXPECT_LT((Eigen::Map<const Eigen::RowVector4d>(&file[1]) - x.colwise().mean()).norm(), 1e-9) << height;
+        EXPECT_LT((Eigen::Map<const Eigen::Matrix4d>(&file[5]) - c).norm(), 1e-9 * c.norm()) << height;
+        const auto& back = boost::any_cast<const stForwardPCAInfo&>(h.algo().GetParams());
+        ASSERT_EQ(back.vecContribution.size() + back.vecEigenValues.size(), 8u);
+        const Eigen::Map<const Eigen::Matrix4d> vt(file.data() + 21); // file rows read as columns
+        for (int k = 0; k < 4; ++k) {
+            EXPECT_EQ(file[37 + k], back.vecEigenValues[k]);
+            EXPECT_EQ(file[41 + k], back.vecCumulative[k]);
+            EXPECT_NEAR(back.vecContribution[k], back.vecEigenValues[k] / c.trace(), 1e-12);
+            EXPECT_LT((c * vt.row(k).transpose() - back.vecEigenValues[k] * vt.row(k).transpose()).norm(), 1e-2);
+        }
+        ASSERT_TRUE(h.Run(Fwd(in, dir.file("s3.sta"), dir.file("r.tif"), 6, true, 3, true)));
+        const Eigen::MatrixXd expected = Pixels(in, 3) * vt.transpose().topLeftCorner(3, 3);
+        EXPECT_LT((Pixels(dir.file("r.tif"), 3) - expected).cwiseAbs().maxCoeff(), 1e-9) << "means are not subtracted";
     }
-}
-
-// Statistics only on 4 bands hands back the eigenvalues and writes the file; a rotation-only run
-// of the same object then projects bands 1..3 with the kept eigenvectors and zero means.
-TEST(PcaModes, StatisticsOnlyThenRotationOnlyWithThreeComponents)
-{
-    TempDir dir;
-    const std::string in = dir.file("in.tif");
-    WriteRaster(in, Shape(7, 5, 4, GDT_Int16), [](int b, int x, int y) { return Pixel(b, x, y) - 100; });
-    AlgoHarness h;
-    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("unused.tif"), 6, true, 0, true)));
-    const auto& back = boost::any_cast<const stForwardPCAInfo&>(h.algo().GetParams());
-    ASSERT_EQ(back.vecContribution.size() + back.vecEigenValues.size(), 8u);
-    EXPECT_NEAR(back.vecCumulative.at(3), 1.0, 1e-12);
-    const std::vector<double> file = ReadDoubles(dir.file("s.sta"));
-    const Eigen::Map<const Eigen::Matrix4d> c(file.data() + 5), vt(file.data() + 21); // symmetric; transposed
-    for (int k = 0; k < 4; ++k) {
-        EXPECT_EQ(file[37 + k], back.vecEigenValues[k]);
-        EXPECT_LT((c * vt.row(k).transpose() - back.vecEigenValues[k] * vt.row(k).transpose()).norm(), 1e-2);
-    }
-    ASSERT_TRUE(h.Run(Fwd(in, dir.file("s3.sta"), dir.file("r.tif"), 6, true, 3, true)));
-    const Eigen::MatrixXd expected = Pixels(in, 3) * vt.transpose().topLeftCorner(3, 3);
-    EXPECT_LT((Pixels(dir.file("r.tif"), 3) - expected).cwiseAbs().maxCoeff(), 1e-9) << "means are not subtracted";
-    AlgoHarness fresh; // no stepwise, no components: nothing matches on a fresh engine
-    EXPECT_FALSE(fresh.Run(Fwd(in, dir.file("f.sta"), dir.file("f.tif"), 6, false, 0, false)));
-    EXPECT_EQ(fresh.Code(), 1);
 }
 
 // Forward with mean subtraction into Float64 and back restores the input; the statistics file is
@@ -162,12 +143,13 @@ TEST(PcaCancel, ProgressAndEveryPassStopsAndRemovesItsFiles)
     }
 }
 
-// Statistics files no one should trust, and inputs or outputs that cannot be had: a clear
-// message, code 1, no output.
+// Statistics files no one should trust, and inputs or outputs that cannot be had: a clear message,
+// code 1, no output. A file of a count alone reads the rest as zeros, without complaint.
 TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
 {
     TempDir dir;
-    const std::string in = SmallScene(dir);
+    const std::string in = dir.file("in.tif");
+    WriteRaster(in, Shape(6, 5, 3), Pixel);
     for (const std::vector<double>& file : std::vector<std::vector<double>>{
              {0}, {-3}, {std::nan("")}, {1e9}, {3e9}, {1e300}, {}, {4, 1, 2}}) {
         WriteDoubles(dir.file("bad.sta"), file);
@@ -175,19 +157,20 @@ TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
         EXPECT_FALSE(h.Run(Inv(in, dir.file("bad.sta"), dir.file("o.tif"))) || h.Code() != 1 || Exists(dir.file("o.tif")));
         EXPECT_TRUE(h.Text().contains(file.size() == 3 ? "has 3 bands" : "band count")) << h.Text().toStdString();
     }
-    WriteDoubles(dir.file("short.sta"), {3}); // the rest reads as zeros, without complaint
-    AlgoHarness h;
-    EXPECT_TRUE(h.Run(Inv(in, dir.file("short.sta"), dir.file("z.tif"))));
+    WriteDoubles(dir.file("short.sta"), {3});
+    EXPECT_TRUE(AlgoHarness().Run(Inv(in, dir.file("short.sta"), dir.file("z.tif"))));
 
     WriteText(dir.file("text.tif"), "not a raster");
     const std::pair<stForwardPCAInfo, const char*> runs[] = {
         {Fwd(dir.file("text.tif"), dir.file("s.sta"), dir.file("o.tif"), 6, false, 3), "Failed to open the input file!"},
         {Fwd(in, dir.file("s.sta"), dir.file("no/such/dir/o.tif"), 6, false, 3), "The output file could not be created!"},
         {Fwd(in, dir.file("no/such/s.sta"), dir.file("o.tif"), 6, false, 3), "The statistics file could not be created!"},
+        // No stepwise, no components: nothing matches on a fresh engine.
+        {Fwd(in, dir.file("s.sta"), dir.file("o.tif")), "No routine for this pair of input and output pixel types!"},
     };
     for (const auto& [record, text] : runs) {
         AlgoHarness f;
-        EXPECT_FALSE(f.Run(record) || f.Code() != 1);
+        EXPECT_FALSE(f.Run(record) || f.Code() != 1 || Exists(dir.file("o.tif")));
         EXPECT_EQ(f.Text(), QString(text));
     }
 }
@@ -197,24 +180,22 @@ TEST(PcaFailures, HostileStatisticsAndUnusableFilesFailCleanly)
 TEST(PcaCommandLine, EigenTableAndStatisticsSizeCheck)
 {
     TempDir dir;
-    const std::string in = SmallScene(dir), stats = dir.file("s.sta");
-    auto run = [&](const std::string& args) {
-        const int raw = std::system((TAV_BIN_DIR "/tavtransform " + args + " >" + dir.file("out.txt") + " 2>&1").c_str());
-        std::ifstream f(dir.file("out.txt"));
-        return std::make_pair(WEXITSTATUS(raw), std::string(std::istreambuf_iterator<char>(f), {}));
+    const std::string in = dir.file("in.tif"), stats = dir.file("s.sta");
+    WriteRaster(in, Shape(6, 5, 3), Pixel);
+    auto run = [&](const std::string& args, std::string& text) {
+        const int raw = std::system((TAV_BIN_DIR "/tavtransform " + args + " >" + dir.file("o.txt") + " 2>&1").c_str());
+        return text = ReadFile(dir.file("o.txt")), WEXITSTATUS(raw);
     };
-    auto [status, text] = run("pca -q -stats-only -stats " + stats + " " + in);
-    ASSERT_EQ(status, 0) << text;
+    std::string text;
+    ASSERT_EQ(run("pca -q -stats-only -stats " + stats + " " + in, text), 0) << text;
     const std::vector<double> file = ReadDoubles(stats);
     char row[64];
-    std::snprintf(row, sizeof row, "%16.6f", file[1 + 3 + 18]);
-    EXPECT_NE(text.find(std::string("1          ") + row), std::string::npos) << text;
+    std::snprintf(row, sizeof row, "1          %16.6f", file[1 + 3 + 18]);
+    EXPECT_NE(text.find(row), std::string::npos) << text;
     EXPECT_NE(text.find("100.0000\n"), std::string::npos) << text;
 
-    ASSERT_EQ(run("pca -q -stats " + stats + " " + in + " " + dir.file("pc.tif")).first, 0);
     WriteDoubles(stats, std::vector<double>(file.begin(), file.end() - 1));
-    std::tie(status, text) = run("pca-inverse -q -stats " + stats + " " + dir.file("pc.tif") + " " + dir.file("b.tif"));
-    EXPECT_EQ(status, 2);
+    EXPECT_EQ(run("pca-inverse -q -stats " + stats + " " + in + " " + dir.file("b.tif"), text), 2);
     EXPECT_NE(text.find("holds 216 bytes; for its 3 bands it must hold 224 bytes"), std::string::npos) << text;
     EXPECT_FALSE(Exists(dir.file("b.tif")));
 }
