@@ -8,6 +8,12 @@ function(orv_settings target)
                            -fno-sanitize-recover=undefined -Wno-maybe-uninitialized)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
   endif()
+  if(ORV_FUZZ AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # Coverage feedback from the whole product, not only the fuzz targets' own files.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                           -fno-sanitize-recover=undefined)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  endif()
 endfunction()
 
 # orv_add_test(name SOURCES ... LIBS ...): one GoogleTest executable, its cases registered with CTest.

@@ -338,7 +338,6 @@ inline __attribute__((always_inline)) void radixLoop(int len, const T* __restric
 // Explicit 8-lane vectors for the float path: one AVX register on the AVX2 clone, a pair of
 // SSE registers on the baseline.
 using V = float __attribute__((vector_size(32)));
-using VI = int __attribute__((vector_size(32)));
 constexpr int kLanes = 8;
 
 inline __attribute__((always_inline)) V loadV(const float* p)
@@ -355,12 +354,12 @@ inline __attribute__((always_inline)) void storeV(float* p, V v)
 
 inline __attribute__((always_inline)) V zipLo(V a, V b)
 {
-    return __builtin_shuffle(a, b, VI{0, 8, 1, 9, 2, 10, 3, 11});
+    return __builtin_shufflevector(a, b, 0, 8, 1, 9, 2, 10, 3, 11);
 }
 
 inline __attribute__((always_inline)) V zipHi(V a, V b)
 {
-    return __builtin_shuffle(a, b, VI{4, 12, 5, 13, 6, 14, 7, 15});
+    return __builtin_shufflevector(a, b, 4, 12, 5, 13, 6, 14, 7, 15);
 }
 
 // Turns R vectors v[k][i] into R consecutive vectors holding element R*i + k = v[k][i].
