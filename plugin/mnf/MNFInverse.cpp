@@ -8,6 +8,7 @@
 
 #include <QFile>
 
+#include <limits>
 #include <type_traits>
 
 using OrvDataSource::RasterDataset;
@@ -77,12 +78,17 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
     run.type = stats.pixelType;
     if (run.n > 0) {
         const long long count = static_cast<long long>(run.n) * run.n;
+        const char* tooLarge = "The band count of the Stats file is too large!";
+        if (count > std::numeric_limits<long long>::max() / static_cast<long long>(sizeof(double)))
+            return Fail(kMNFContext, tooLarge);
+        // The values on hand are checked before anything is sized by the count: a file of a few
+        // bytes must not reserve gigabytes.
+        if (static_cast<long long>(stats.matrix.size()) < count || static_cast<long long>(stats.means.size()) < run.n)
+            return Fail(kMNFContext, "The Stats file holds fewer values than its band count needs!");
         run.inverse = NewSamples<double>(count);
         run.means = NewSamples<double>(run.n);
         if (!run.inverse || !run.means)
-            return Fail(kMNFContext, "The band count of the Stats file is too large!");
-        if (static_cast<long long>(stats.matrix.size()) < count || static_cast<long long>(stats.means.size()) < run.n)
-            return Fail(kMNFContext, "The Stats file holds fewer values than its band count needs!");
+            return Fail(kMNFContext, tooLarge);
         std::copy(stats.matrix.begin(), stats.matrix.begin() + count, run.inverse.get());
         std::copy(stats.means.begin(), stats.means.begin() + run.n, run.means.get());
     }

@@ -247,7 +247,13 @@ void AffineRowAny(const float* row, int n, int width, const double* m, const dou
 
 // Wide registers where the processor has them; contraction into fused multiply-adds is off for
 // this folder, so every path rounds alike.
+// clang 14 (the fuzz build) names the clones of an overloaded function alike and cannot link
+// them: the default path alone there.
+#if defined(__clang__) && __clang_major__ < 15
+#define MNF_CLONES
+#else
 #define MNF_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#endif
 
 MNF_CLONES void AccumulateNoiseRow(const float* up, const float* row, int n, int width, double* sums, double* cross)
 {
