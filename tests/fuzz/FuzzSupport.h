@@ -27,11 +27,13 @@ inline std::string BytesAsFile(const std::string& name, const uint8_t* data, siz
     return path;
 }
 
-// A 5 x 3 Float32 raster of `bands` bands with varied pixels, in the scratch folder.
+// A 5 x 3 Float32 raster of `bands` bands with varied pixels, in the scratch folder; no coordinate
+// system, whose copy would cost more than the run.
 inline std::string TinyRaster(const std::string& name, int bands)
 {
     const std::string path = Scratch().file(name);
-    tavtest::WriteRaster(path, tavtest::Shape(5, 3, bands), [](int b, int x, int y) { return (b + 1) * 7.5 - x * y + x; });
+    tavtest::WriteRaster(path, tavtest::Shape(5, 3, bands, GDT_Float32, false),
+                         [](int b, int x, int y) { return (b + 1) * 7.5 - x * y + x; });
     return path;
 }
 
