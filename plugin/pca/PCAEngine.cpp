@@ -7,7 +7,6 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
-#include <new>
 #include <optional>
 
 using namespace OrvDataSource;
@@ -25,11 +24,6 @@ constexpr int kMaxBands = 4096;
 
 QString ForwardMessage() { return Tr(kContext, "Forward PCA Rotation is running..."); }
 QString InverseMessage() { return Tr(kContext, "Inverse PCA Rotation is running..."); }
-
-std::unique_ptr<double[]> NewZeroed(long long count)
-{
-    return std::unique_ptr<double[]>(count > 0 ? new (std::nothrow) double[count]() : nullptr);
-}
 
 OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
 {
@@ -167,9 +161,9 @@ bool CPCAEngine::PrepareForward(const stForwardPCAInfo& info, int& status)
 bool CPCAEngine::ResetAccumulators()
 {
     const long long n = m_nBands;
-    m_pSum = NewZeroed(n);
-    m_pSumSq = NewZeroed(n);
-    m_pCross = NewZeroed(n * n);
+    m_pSum = NewZeroedSamples<double>(n);
+    m_pSumSq = NewZeroedSamples<double>(n);
+    m_pCross = NewZeroedSamples<double>(n * n);
     return m_pSum && m_pSumSq && m_pCross;
 }
 
@@ -425,8 +419,8 @@ int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
                            .arg(n));
 
     // Zero-filled first: values a short file does not hold stay zero.
-    std::unique_ptr<double[]> vectors = NewZeroed(static_cast<long long>(n) * n);
-    m_pSum = NewZeroed(n);
+    TypedBuffer<double> vectors = NewZeroedSamples<double>(static_cast<long long>(n) * n);
+    m_pSum = NewZeroedSamples<double>(n);
     if (!vectors || !m_pSum)
         return Fail(1, "Apply memory Fail!");
     m_pStatFile->ReadEigenVectors(vectors.get());
