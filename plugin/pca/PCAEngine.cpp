@@ -290,13 +290,14 @@ void CPCAEngine::HandBackEigenValues() const
 }
 
 template <class TIn>
-PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster)
+PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster, bool& refused)
 {
     PcaSampleRange range;
     const int width = raster.GetRasterXSize();
     const int bands = raster.GetBandCount();
     const int chunkRows = ChunkRows(kRangeRows, width, bands);
     TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * bands);
+    refused = !buffer;
     if (!buffer)
         return range;
     for (const RowBlock block : RowBlocks(raster.GetRasterYSize(), kRangeRows))
@@ -380,18 +381,21 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
     if (!result)
         return Fail(1, "Apply memory Fail!");
     std::optional<PcaSampleRange> range;
+    bool rangeRefused = false;
     auto inputRange = [&]() -> const PcaSampleRange& {
         if (!range)
-            range = InputRange<TIn>(*m_pDataset);
+            range = InputRange<TIn>(*m_pDataset, rangeRefused);
         return *range;
     };
-    return ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
+    const int status = ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
         PcaWithBandCount(n, [&](auto fixed) {
             PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
         });
         PcaNarrow(values, pixels, n, m, result.get(), inputRange);
         WriteRows(out, first, chunkRows, m, result.get());
     });
+    // Without the input's range the values beyond the output type were not mapped: a failed run.
+    return status == 0 && rangeRefused ? Fail(1, "Apply memory Fail!") : status;
 }
 
 // ---------------------------------------------------------------- inverse

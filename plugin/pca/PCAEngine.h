@@ -46,7 +46,7 @@ private:
     int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
                      const double* weights, const double* add, const ProgressSpan& span);
     template <class TIn>
-    static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster);
+    static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster, bool& refused);
 
     bool PrepareForward(const stForwardPCAInfo& info, int& status);
     bool ResetAccumulators();
