@@ -189,8 +189,10 @@ int CPCAEngine::StepRoutine(const QString& output, int components, bool subtract
 template <class TIn>
 int CPCAEngine::StatisticsPass(int components)
 {
-    if (!m_pDataset || !ResetAccumulators())
+    if (!m_pDataset)
         return Fail(1, "Failed to open the input file!");
+    if (!ResetAccumulators())
+        return Fail(1, "Apply memory Fail!");
     EnsureStatFile();
     const int n = m_nBands;
     const long long rows = BlockRows();
