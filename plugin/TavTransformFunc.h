@@ -21,9 +21,11 @@ public:
     bool Execute() override;
     void Terminate() override;
 
-    bool CancelRequested() const { return m_context.CancelRequested(); }
+    // Execute's own look at the flag once a worker is back; not one of the worker's polls.
+    bool CancelRequested() const { return m_nCancel.load(std::memory_order_relaxed) == 1; }
     // What the workers see of this object.
     const RunContext& Context() const { return m_context; }
+    RunContext& Context() { return m_context; }
 
 private:
     bool ExecuteTransInfo();

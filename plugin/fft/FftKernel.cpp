@@ -1,6 +1,7 @@
 #include "fft/FftKernel.h"
 
 #include "fft/FftKernelPlan.h"
+#include "frame/RasterAccess.h"
 
 #include <climits>
 #include <cmath>
@@ -27,17 +28,18 @@ bool growWorkspace(FftWorkspace* ws, int maxFactors, int maxPerm)
     if (maxFactors > INT32_MAX / static_cast<int>(sizeof(float))) return false;
     const int32_t bytes = maxFactors * static_cast<int32_t>(sizeof(float));
     if (ws->spaceAllocated < bytes) {
+        // Scratch keeps nothing between passes: a larger array replaces the old one.
         for (float** t : {&ws->tmp0, &ws->tmp1, &ws->tmp2, &ws->tmp3}) {
-            void* p = std::realloc(*t, static_cast<std::size_t>(bytes));
-            if (!p) return false;
-            *t = static_cast<float*>(p);
+            FreeWorking(*t);
+            *t = static_cast<float*>(AllocateWorking(static_cast<std::size_t>(bytes)));
+            if (!*t) return false;
         }
         ws->spaceAllocated = bytes;
     }
     if (ws->maxPermAllocated < maxPerm) {
-        void* p = std::realloc(ws->perm, sizeof(int32_t) * static_cast<std::size_t>(maxPerm));
-        if (!p) return false;
-        ws->perm = static_cast<int32_t*>(p);
+        FreeWorking(ws->perm);
+        ws->perm = static_cast<int32_t*>(AllocateWorking(sizeof(int32_t) * static_cast<std::size_t>(maxPerm)));
+        if (!ws->perm) return false;
         ws->maxPermAllocated = maxPerm;
     }
     return ws->tmp0 && ws->tmp1 && ws->tmp2 && ws->tmp3 && ws->perm;
@@ -173,11 +175,11 @@ bool plainLine(FftWorkspace* ws, int n, int sign, float* re, float* im, std::ptr
     int factors[kMaxFactors];
     for (int i = 0; i < kMaxFactors; ++i) factors[i] = g_factors[i];
     const std::size_t un = static_cast<std::size_t>(n);
-    double* w = static_cast<double*>(std::malloc(sizeof(double) * 2 * un));
-    float* y = static_cast<float*>(std::malloc(sizeof(float) * 2 * un));
+    double* w = static_cast<double*>(AllocateWorking(sizeof(double) * 2 * un));
+    float* y = static_cast<float*>(AllocateWorking(sizeof(float) * 2 * un));
     if (!w || !y) {
-        std::free(w);
-        std::free(y);
+        FreeWorking(w);
+        FreeWorking(y);
         return false;
     }
     PlainLine L{n, sign, factors, w, w + n, y, y + n, ws};
@@ -191,8 +193,8 @@ bool plainLine(FftWorkspace* ws, int n, int sign, float* re, float* im, std::ptr
         re[t * stride] = L.yr[t];
         im[t * stride] = L.yi[t];
     }
-    std::free(w);
-    std::free(y);
+    FreeWorking(w);
+    FreeWorking(y);
     return true;
 }
 
@@ -276,10 +278,10 @@ void FftFreeWorkspace(FftWorkspace* ws)
     ws->spaceAllocated = 0;
     ws->maxPermAllocated = 0;
     for (float** t : {&ws->tmp0, &ws->tmp1, &ws->tmp2, &ws->tmp3}) {
-        std::free(*t);
+        FreeWorking(*t);
         *t = nullptr;
     }
-    std::free(ws->perm);
+    FreeWorking(ws->perm);
     ws->perm = nullptr;
     FftPlanCacheFree(ws->plans);
     ws->plans = nullptr;

@@ -2,10 +2,11 @@
 // with twiddles computed in double and rounded once, and Bluestein's chirp convolution for
 // lengths with a large prime factor.
 #include "fft/FftKernelPlan.h"
+#include "frame/RasterAccess.h"
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -59,7 +60,23 @@ struct Arena {
 
 void* alignedAlloc(std::size_t bytes)
 {
-    return std::aligned_alloc(kAlign, (bytes + kAlign - 1) / kAlign * kAlign);
+    return AllocateWorking((bytes + kAlign - 1) / kAlign * kAlign, kAlign);
+}
+
+// Plans and the cache come from the working allocation like every buffer of a run.
+template <class T>
+T* newWorking()
+{
+    void* p = AllocateWorking(sizeof(T), alignof(T) > alignof(std::max_align_t) ? alignof(T) : 0);
+    return p ? new (p) T : nullptr;
+}
+
+template <class T>
+void deleteWorking(T* p)
+{
+    if (!p) return;
+    p->~T();
+    FreeWorking(p);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -687,7 +704,7 @@ bool fillChirpKernel(FftPlan& plan, int M)
         plan.hr[k] = static_cast<float>(br[k] / M);
         plan.hi[k] = static_cast<float>(bi[k] / M);
     }
-    std::free(mem);
+    FreeWorking(mem);
     return true;
 }
 
@@ -712,7 +729,7 @@ void layoutPlan(FftPlan& plan, Arena<float>& arena)
 
 FftPlan* buildPlan(int n, int sign)
 {
-    FftPlan* plan = new (std::nothrow) FftPlan;
+    FftPlan* plan = newWorking<FftPlan>();
     if (!plan) return nullptr;
     plan->n = n;
     plan->sign = sign;
@@ -721,14 +738,14 @@ FftPlan* buildPlan(int n, int sign)
     plan->chirp = !chooseRadices(n, radices, count);
     // The convolution needs about twice the length; beyond 2^30 points it cannot be indexed.
     if (plan->chirp && n > (1 << 29)) {
-        delete plan;
+        deleteWorking(plan);
         return nullptr;
     }
     Arena<float> measure;
     layoutPlan(*plan, measure);
     plan->mem = alignedAlloc(sizeof(float) * measure.used);
     if (!plan->mem) {
-        delete plan;
+        deleteWorking(plan);
         return nullptr;
     }
     Arena<float> arena{static_cast<float*>(plan->mem), 0};
@@ -741,8 +758,8 @@ FftPlan* buildPlan(int n, int sign)
             plan->ci[k] = static_cast<float>(s);
         }
         if (!fillChirpKernel(*plan, plan->core.n)) {
-            std::free(plan->mem);
-            delete plan;
+            FreeWorking(plan->mem);
+            deleteWorking(plan);
             return nullptr;
         }
     }
@@ -752,8 +769,8 @@ FftPlan* buildPlan(int n, int sign)
 void freePlan(FftPlan* plan)
 {
     if (!plan) return;
-    std::free(plan->mem);
-    delete plan;
+    FreeWorking(plan->mem);
+    deleteWorking(plan);
 }
 
 // X_k = c_k * sum_j (x_j c_j) conj(c_(k-j)), the convolution done by two length-M transforms.
@@ -793,7 +810,7 @@ void runChirp(FftPlan& plan, float* re, float* im, std::ptrdiff_t stride)
 FftPlan* FftPlanGet(FftPlanCache*& cache, int n, int sign)
 {
     if (!cache) {
-        cache = new (std::nothrow) FftPlanCache;
+        cache = newWorking<FftPlanCache>();
         if (!cache) return nullptr;
     }
     for (FftPlan* p : cache->slot)
@@ -833,5 +850,5 @@ void FftPlanCacheFree(FftPlanCache* cache)
 {
     if (!cache) return;
     for (FftPlan* p : cache->slot) freePlan(p);
-    delete cache;
+    deleteWorking(cache);
 }

@@ -40,7 +40,7 @@ ProgressSpan RunProgress(const RunContext& ctx, const char* message)
 constexpr std::size_t kHugePage = 2 * 1024 * 1024;
 
 struct FreeDeleter {
-    void operator()(float* p) const { std::free(p); }
+    void operator()(float* p) const { FreeWorking(p); }
 };
 using BlockBuffer = std::unique_ptr<float, FreeDeleter>;
 
@@ -52,8 +52,8 @@ float* NewBlockFloats(long long count)
     if (count < 0 || static_cast<unsigned long long>(count) > SIZE_MAX / sizeof(float))
         return nullptr;
     const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(float);
-    void* p = nullptr;
-    if (posix_memalign(&p, bytes >= kHugePage ? kHugePage : 64, bytes ? bytes : 1) != 0)
+    void* p = AllocateWorking(bytes, bytes >= kHugePage ? kHugePage : 64);
+    if (!p)
         return nullptr;
 #ifdef MADV_HUGEPAGE
     if (bytes >= kHugePage)

@@ -2,10 +2,10 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <limits>
-#include <new>
 
 int PixelTypeBits(int type)
 {
@@ -27,6 +27,26 @@ int BytesPerSample(int type)
     return bits ? bits / 8 : 1;
 }
 
+AllocationGate& AllocationSeam()
+{
+    static AllocationGate gate;
+    return gate;
+}
+
+void* AllocateWorking(std::size_t bytes, std::size_t alignment)
+{
+    if (const AllocationGate& gate = AllocationSeam(); gate && !gate(bytes))
+        return nullptr;
+    if (bytes == 0)
+        bytes = 1;
+    if (alignment == 0)
+        return std::malloc(bytes);
+    void* p = nullptr;
+    return posix_memalign(&p, alignment, bytes) == 0 ? p : nullptr;
+}
+
+void FreeWorking(void* buffer) { std::free(buffer); }
+
 void* NewTypedBuffer(int type, long long count)
 {
     const int bytes = PixelTypeBits(type) / 8;
@@ -34,11 +54,10 @@ void* NewTypedBuffer(int type, long long count)
         return nullptr;
     if (static_cast<unsigned long long>(count) > std::numeric_limits<std::size_t>::max() / bytes)
         return nullptr;
-    const std::size_t total = static_cast<std::size_t>(count) * bytes;
-    return new (std::nothrow) std::byte[total ? total : 1];
+    return AllocateWorking(static_cast<std::size_t>(count) * bytes);
 }
 
-void FreeTypedBuffer(void* buffer) { delete[] static_cast<std::byte*>(buffer); }
+void FreeTypedBuffer(void* buffer) { FreeWorking(buffer); }
 
 bool ClearTypedBuffer(void* buffer, int type, long long count)
 {

@@ -2,6 +2,7 @@
 #include "OrvDataSource/PixelDataType.h"
 
 #include <QString>
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -15,6 +16,15 @@ using OrvDataSource::PixelDataType;
 int PixelTypeBits(int type);
 // Bytes of one sample the way the workers size their disk needs: unknown types count as 1.
 int BytesPerSample(int type);
+
+// The one allocation behind every working buffer of a run: non-throwing, null when memory is
+// short; `alignment` 0 takes malloc's own, else a power of two. Free with FreeWorking.
+void* AllocateWorking(std::size_t bytes, std::size_t alignment = 0);
+void FreeWorking(void* buffer);
+// Asked before every working allocation when set: false refuses it as if memory were short, so
+// tests can make any one of a run's allocations fail.
+using AllocationGate = std::function<bool(std::size_t bytes)>;
+AllocationGate& AllocationSeam();
 
 // Uninitialised array of count samples of the type; null for codes outside 1..7, on overflow or
 // when memory is short. Free with FreeTypedBuffer.
@@ -77,6 +87,16 @@ template <class T>
 TypedBuffer<T> NewSamples(long long count)
 {
     return TypedBuffer<T>(static_cast<T*>(NewTypedBuffer(PixelTypeOf<T>(), count)));
+}
+
+// count zero samples, owned; null when refused or when count is below 1.
+template <class T>
+TypedBuffer<T> NewZeroedSamples(long long count)
+{
+    TypedBuffer<T> samples = count > 0 ? NewSamples<T>(count) : nullptr;
+    if (samples)
+        std::fill_n(samples.get(), count, T{});
+    return samples;
 }
 
 // Calls fn(std::type_identity<T>{}) with the C++ type of a pixel type code 1..7; false otherwise.

@@ -7,7 +7,6 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
-#include <new>
 #include <optional>
 
 using namespace OrvDataSource;
@@ -25,11 +24,6 @@ constexpr int kMaxBands = 4096;
 
 QString ForwardMessage() { return Tr(kContext, "Forward PCA Rotation is running..."); }
 QString InverseMessage() { return Tr(kContext, "Inverse PCA Rotation is running..."); }
-
-std::unique_ptr<double[]> NewZeroed(long long count)
-{
-    return std::unique_ptr<double[]>(count > 0 ? new (std::nothrow) double[count]() : nullptr);
-}
 
 OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
 {
@@ -167,9 +161,9 @@ bool CPCAEngine::PrepareForward(const stForwardPCAInfo& info, int& status)
 bool CPCAEngine::ResetAccumulators()
 {
     const long long n = m_nBands;
-    m_pSum = NewZeroed(n);
-    m_pSumSq = NewZeroed(n);
-    m_pCross = NewZeroed(n * n);
+    m_pSum = NewZeroedSamples<double>(n);
+    m_pSumSq = NewZeroedSamples<double>(n);
+    m_pCross = NewZeroedSamples<double>(n * n);
     return m_pSum && m_pSumSq && m_pCross;
 }
 
@@ -195,8 +189,10 @@ int CPCAEngine::StepRoutine(const QString& output, int components, bool subtract
 template <class TIn>
 int CPCAEngine::StatisticsPass(int components)
 {
-    if (!m_pDataset || !ResetAccumulators())
+    if (!m_pDataset)
         return Fail(1, "Failed to open the input file!");
+    if (!ResetAccumulators())
+        return Fail(1, "Apply memory Fail!");
     EnsureStatFile();
     const int n = m_nBands;
     const long long rows = BlockRows();
@@ -296,13 +292,14 @@ void CPCAEngine::HandBackEigenValues() const
 }
 
 template <class TIn>
-PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster)
+PcaSampleRange CPCAEngine::InputRange(RasterDataset& raster, bool& refused)
 {
     PcaSampleRange range;
     const int width = raster.GetRasterXSize();
     const int bands = raster.GetBandCount();
     const int chunkRows = ChunkRows(kRangeRows, width, bands);
     TypedBuffer<TIn> buffer = NewSamples<TIn>(static_cast<long long>(chunkRows) * width * bands);
+    refused = !buffer;
     if (!buffer)
         return range;
     for (const RowBlock block : RowBlocks(raster.GetRasterYSize(), kRangeRows))
@@ -386,18 +383,21 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
     if (!result)
         return Fail(1, "Apply memory Fail!");
     std::optional<PcaSampleRange> range;
+    bool rangeRefused = false;
     auto inputRange = [&]() -> const PcaSampleRange& {
         if (!range)
-            range = InputRange<TIn>(*m_pDataset);
+            range = InputRange<TIn>(*m_pDataset, rangeRefused);
         return *range;
     };
-    return ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
+    const int status = ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
         PcaWithBandCount(n, [&](auto fixed) {
             PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
         });
         PcaNarrow(values, pixels, n, m, result.get(), inputRange);
         WriteRows(out, first, chunkRows, m, result.get());
     });
+    // Without the input's range the values beyond the output type were not mapped: a failed run.
+    return status == 0 && rangeRefused ? Fail(1, "Apply memory Fail!") : status;
 }
 
 // ---------------------------------------------------------------- inverse
@@ -425,8 +425,8 @@ int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
                            .arg(n));
 
     // Zero-filled first: values a short file does not hold stay zero.
-    std::unique_ptr<double[]> vectors = NewZeroed(static_cast<long long>(n) * n);
-    m_pSum = NewZeroed(n);
+    TypedBuffer<double> vectors = NewZeroedSamples<double>(static_cast<long long>(n) * n);
+    m_pSum = NewZeroedSamples<double>(n);
     if (!vectors || !m_pSum)
         return Fail(1, "Apply memory Fail!");
     m_pStatFile->ReadEigenVectors(vectors.get());

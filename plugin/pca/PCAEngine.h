@@ -1,5 +1,6 @@
 #pragma once
 #include "frame/PCARecords.h"
+#include "frame/RasterAccess.h"
 #include "frame/RunContext.h"
 #include "pca/PCAStatFile.h"
 
@@ -45,7 +46,7 @@ private:
     int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
                      const double* weights, const double* add, const ProgressSpan& span);
     template <class TIn>
-    static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster);
+    static PcaSampleRange InputRange(OrvDataSource::RasterDataset& raster, bool& refused);
 
     bool PrepareForward(const stForwardPCAInfo& info, int& status);
     bool ResetAccumulators();
@@ -60,12 +61,12 @@ private:
     QString m_strInput;
     RasterPtr m_pDataset;
     int m_nBands = 0;
-    std::unique_ptr<double[]> m_pSum;   // sums, then means
-    std::unique_ptr<double[]> m_pSumSq; // sums of squares, then standard deviations
+    TypedBuffer<double> m_pSum;   // sums, then means
+    TypedBuffer<double> m_pSumSq; // sums of squares, then standard deviations
     bool m_bCovariance = true;
     QString m_strStatFile;
     std::unique_ptr<CPCAStatFile> m_pStatFile;
-    std::unique_ptr<double[]> m_pCross; // cross products, then the covariance or correlation matrix
+    TypedBuffer<double> m_pCross; // cross products, then the covariance or correlation matrix
     Eigen::MatrixXd m_matrix;
     std::vector<double> m_eigenValues;
     Eigen::MatrixXd m_eigenVectors; // column k is component k

@@ -4,7 +4,6 @@
 
 #include <bit>
 #include <cmath>
-#include <new>
 
 static_assert(std::endian::native == std::endian::little, "the statistics file holds little-endian doubles");
 
@@ -15,13 +14,14 @@ CPCAStatFile::~CPCAStatFile() { Release(); }
 bool CPCAStatFile::CreateForWriting()
 {
     Release();
+    // The array first: without it nothing could be written, and the file is left as it was.
+    m_values = NewZeroedSamples<double>(DoubleCount(m_nBands));
+    if (!m_values)
+        return false;
     m_file = std::fopen(m_path.constData(), "wb");
     if (!m_file)
         return false;
-    if (m_nBands > 0)
-        m_values.reset(new (std::nothrow) double[DoubleCount(m_nBands)]());
-    if (m_values)
-        m_values[0] = m_nBands;
+    m_values.get()[0] = m_nBands;
     return true;
 }
 

@@ -1,4 +1,6 @@
 #pragma once
+#include "frame/RasterAccess.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -44,6 +46,6 @@ private:
     QByteArray m_path; // local 8-bit form, as the C library takes it
     int m_nBands;
     double m_dHeader = 0.0;
-    std::unique_ptr<double[]> m_values;
+    TypedBuffer<double> m_values;
     std::FILE* m_file = nullptr;
 };

@@ -360,58 +360,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
-// Cancellation: Terminate from the progress slot at a chosen report; the next poll stops the run.
-
-struct CancelCase {
-    const char* name;
-    friend void PrintTo(const CancelCase& c, std::ostream* os) { *os << c.name; }
-    bool forward;
-    int width, height;
-    int triggerReport;       // index among the run's reports, Execute's 0 being report 0
-    double passFrom, passTo; // the pass that the trigger report belongs to, in percent
-};
-
-class Cancel : public ::testing::TestWithParam<CancelCase> {};
-
-TEST_P(Cancel, StopsAtTheNextPollAndRemovesTheOutput)
-{
-    const CancelCase c = GetParam();
-    TempDir dir;
-    const std::string in = WriteImage(dir, "in.tif", c.width, c.height, 2, GDT_Float32, Pixel);
-    AlgoHarness h;
-    int reports = 0;
-    double triggeredAt = -1;
-    h.onProgress = [&](double p) {
-        if (reports++ == c.triggerReport) {
-            triggeredAt = p;
-            h.algo().Terminate();
-        }
-    };
-    const std::string out = dir.file("out.tif");
-    EXPECT_FALSE(h.Run(c.forward ? ForwardRecord(in, out, {1}) : InverseRecord(in, out, 5)));
-    EXPECT_EQ(h.Code(), -1010);
-    EXPECT_TRUE(h.Text().isEmpty());
-    EXPECT_FALSE(Exists(out));
-    // Percentages are single precision; the bounds are not.
-    EXPECT_GE(triggeredAt, c.passFrom - 1e-4);
-    EXPECT_LT(triggeredAt, c.passTo - 1e-4);
-    ASSERT_EQ(static_cast<int>(h.events.size()), c.triggerReport + 2) << "only Execute's 100 follows the trigger";
-    EXPECT_EQ(h.events.back().percent, 100);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EveryPass, Cancel,
-    ::testing::Values(
-        // 65536 columns give blocks of 16 rows: the poll before the second block stops the rows pass.
-        CancelCase{"ForwardRows", true, 65536, 17, 2, 0, 100.0 / 3},
-        CancelCase{"ForwardColumns", true, 8, 6, 5, 100.0 / 3, 200.0 / 3},
-        CancelCase{"ForwardCentring", true, 8, 6, 12, 200.0 / 3, 100},
-        CancelCase{"InverseUncentring", false, 8, 6, 3, 0, 100.0 / 3},
-        CancelCase{"InverseRows", false, 65536, 17, 19, 100.0 / 3, 200.0 / 3},
-        CancelCase{"InverseColumns", false, 8, 6, 10, 200.0 / 3, 100}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// ---------------------------------------------------------------------------------------------
 // Refusals: each is decided before an output exists and says why.
 
 enum class Input { Good, Wide, OneBand, Missing, NotARaster };

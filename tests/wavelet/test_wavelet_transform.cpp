@@ -612,51 +612,6 @@ TEST(DiskSpace, RelativeOutputNeedsItsBytesPlus100MiBFreeAndAbsoluteIsNotChecked
     }
 }
 
-// --- Cancellation -----------------------------------------------------------------------------
-
-// Terminate at the n-th report of the worker: the run polls after every report and before every
-// chunk of rows, so it stops there.
-struct CancelCase {
-    const char* name;
-    bool forward;
-    int stopAtReport; // 1-based, counting the worker's reports only
-    std::vector<double> percents;
-};
-
-void PrintTo(const CancelCase& c, std::ostream* os) { *os << c.name; }
-
-class CancelAtAReport : public ::testing::TestWithParam<CancelCase> {};
-
-TEST_P(CancelAtAReport, StopsAtTheNextPollAndLeavesNothing)
-{
-    const CancelCase c = GetParam();
-    TempDir dir;
-    const Scene s = MakeScene(dir, "in.tif", {8, 6, 2});
-    const std::string in = c.forward ? s.path : Dwt(dir, s.path);
-    AlgoHarness h;
-    int reports = -1; // Execute's own 0 comes first
-    h.onProgress = [&](double) {
-        if (++reports == c.stopAtReport)
-            h.algo().Terminate();
-    };
-    EXPECT_FALSE(h.Run(TransRecord(3, c.forward, in, dir.file("out.tif"))));
-    EXPECT_EQ(h.Code(), -1010);
-    EXPECT_TRUE(h.Text().isEmpty());
-    EXPECT_EQ(h.Percents(), c.percents);
-    EXPECT_FALSE(Exists(dir.file("out.tif")));
-    EXPECT_FALSE(Exists(dir.file("out_temp.tif")));
-}
-
-// Forward, 2 bands: marks 0, 25, 50 and 75 all come before the one chunk, from the same poll.
-// Inverse: 1, 2, 3, 5, then 28.75 in the column synthesis, 52.5 and 76.25 in the row synthesis.
-INSTANTIATE_TEST_SUITE_P(
-    Reports, CancelAtAReport,
-    ::testing::Values(CancelCase{"ForwardAtAMark", true, 2, {0, 0, 25, 100}},
-                      CancelCase{"InverseBeforeColumns", false, 4, {0, 1, 2, 3, 5, 100}},
-                      CancelCase{"InverseInColumns", false, 5, {0, 1, 2, 3, 5, 28.75, 100}},
-                      CancelCase{"InverseBeforeRows", false, 6, {0, 1, 2, 3, 5, 28.75, 52.5, 100}}),
-    [](const auto& info) { return std::string(info.param.name); });
-
 // --- The temporary and the side file ---------------------------------------------------------
 
 // Execute removes the temporary too; these runs show the worker does it itself.
