@@ -1,8 +1,8 @@
 // Forward run: noise from neighbour differences, noise whitening, rotation of the whitened data.
 #include "OrvUtility/Mult.h"
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
-#include "mnf/MNFPipeline.h"
 #include "mnf/MNFKernels.h"
 #include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
@@ -69,12 +69,21 @@ enum class PassEnd { Done, Cancelled, Short };
 template <class T>
 class BlockPasses {
 public:
+    // Computes on block's rows; `previous` is the block before's (null for the first).
+    using ComputeFn = std::function<void(int block, float* rows, const float* previous)>;
+
     explicit BlockPasses(MNFForwardRun& run)
         : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
           m_raw(kFloat ? nullptr : NewSamples<T>(m_blockSamples))
     {
+        for (auto& slot : m_slots)
+            slot = NewRows<float>(m_blockSamples);
     }
-    bool Ready() const { return kFloat || m_raw != nullptr; }
+    bool Ready() const
+    {
+        return (kFloat || m_raw != nullptr) &&
+               std::all_of(std::begin(m_slots), std::end(m_slots), [](const auto& s) { return s != nullptr; });
+    }
     const RowBlocks& Blocks() const { return m_blocks; }
 
     // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
@@ -98,38 +107,37 @@ public:
 
     // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
     // done(j) runs here once block j is computed, before its slot is read over.
-    PassEnd Run(int keep, BlockPipeline::ComputeFn compute, const std::function<void(int, float*)>& done = {}) const
+    PassEnd Run(int keep, const ComputeFn& compute, const std::function<void(int, float*)>& done = {}) const
     {
-        BlockPipeline pipe(3, m_blockSamples, std::move(compute));
+        BlockPipeline pipe(kSlots, [&](int block) {
+            compute(block, Slot(block), block > 0 ? Slot(block - 1) : nullptr);
+        });
         if (!pipe.Ready())
             return PassEnd::Short;
-        auto retire = [&] {
-            const int j = pipe.Released();
-            pipe.WaitComputed(std::min(j + keep, m_blocks.Count() - 1));
-            if (done)
-                done(j, pipe.Slot(j));
-            pipe.Release();
-        };
-        for (RowBlock block : m_blocks) {
-            if (pipe.Submitted() - pipe.Released() == pipe.Slots())
-                retire();
+        const bool whole = pipe.Stream(m_blocks.Count(), keep, [&](int index) {
+            const RowBlock block = m_blocks[index];
             for (int r = 0; r < block.rows; ++r)
                 if (!m_run.Unit())
-                    return PassEnd::Cancelled;
-            ReadRows(m_run.sel.window.y0 + block.first, block.rows, pipe.Slot(block.index));
-            pipe.Submit();
-        }
-        while (pipe.Released() < m_blocks.Count())
-            retire();
-        return PassEnd::Done;
+                    return false; // cancelled
+            ReadRows(m_run.sel.window.y0 + block.first, block.rows, Slot(index));
+            return true;
+        }, [&](int index) {
+            if (done)
+                done(index, Slot(index));
+        });
+        return whole ? PassEnd::Done : PassEnd::Cancelled;
     }
 
 private:
     static constexpr bool kFloat = std::is_same_v<T, float>;
+    static constexpr int kSlots = 3;
+    float* Slot(int block) const { return m_slots[block % kSlots].get(); }
+
     MNFForwardRun& m_run;
     RowBlocks m_blocks;
     long long m_blockSamples;
     TypedBuffer<T> m_raw;
+    TypedBuffer<float> m_slots[kSlots];
 };
 
 // Sums and cross-product sums of a pass, completed row by row into a covariance, one progress

@@ -1,15 +1,10 @@
-#include "mnf/MNFPipeline.h"
-#include "mnf/MNFRun.h"
+#include "frame/BlockPipeline.h"
 
+#include <algorithm>
 #include <system_error>
 
-BlockPipeline::BlockPipeline(int slots, long long slotSamples, ComputeFn compute) : m_compute(std::move(compute))
+BlockPipeline::BlockPipeline(int slots, ComputeFn compute) : m_compute(std::move(compute)), m_slots(std::max(slots, 1))
 {
-    for (int i = 0; i < slots; ++i) {
-        m_slots.push_back(NewRows<float>(slotSamples));
-        if (!m_slots.back())
-            return;
-    }
     // A thread the system will not give is a run that cannot go on, not an exception for the host.
     try {
         m_helper = std::thread([this] { Run(); });
@@ -37,7 +32,7 @@ void BlockPipeline::Run()
             if (m_stop)
                 return;
         }
-        m_compute(block, Slot(block), block > 0 ? Slot(block - 1) : nullptr);
+        m_compute(block);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_computed = block + 1;
@@ -59,4 +54,26 @@ void BlockPipeline::WaitComputed(int block)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_changed.wait(lock, [&] { return m_computed > block; });
+}
+
+bool BlockPipeline::Stream(int count, int keep, const std::function<bool(int)>& fill,
+                           const std::function<void(int)>& done)
+{
+    int released = 0;
+    auto retire = [&] {
+        WaitComputed(std::min(released + keep, count - 1));
+        if (done)
+            done(released);
+        ++released;
+    };
+    for (int block = 0; block < count; ++block) {
+        if (block - released == m_slots)
+            retire();
+        if (!fill(block))
+            return false;
+        Submit();
+    }
+    while (released < count)
+        retire();
+    return true;
 }
