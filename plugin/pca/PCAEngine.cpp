@@ -1,4 +1,5 @@
 #include "pca/PCAEngine.h"
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 #include "frame/TransWorker.h"
@@ -7,6 +8,7 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
+#include <atomic>
 #include <new>
 #include <optional>
 
@@ -82,6 +84,36 @@ int ChunkRows(long long blockRows, int width, int bands)
 {
     return static_cast<int>(std::max(1LL, std::min(blockRows, RowsWithin(kChunkSamples, width, bands))));
 }
+
+// A pass's blocks of rows cut into chunks of at most chunkRows rows, numbered through the image.
+class ChunkPlan {
+public:
+    ChunkPlan(int height, long long blockRows, int chunkRows)
+        : m_blocks(height, static_cast<int>(blockRows)), m_chunkRows(chunkRows),
+          m_perBlock((m_blocks.RowsPerBlock() + chunkRows - 1) / chunkRows)
+    {
+    }
+    const RowBlocks& Blocks() const { return m_blocks; }
+    int Count() const
+    {
+        const int blocks = m_blocks.Count();
+        return blocks == 0 ? 0 : (blocks - 1) * m_perBlock + (m_blocks[blocks - 1].rows + m_chunkRows - 1) / m_chunkRows;
+    }
+    PcaChunk operator[](int index) const
+    {
+        const RowBlock block = m_blocks[index / m_perBlock];
+        const int within = index % m_perBlock * m_chunkRows;
+        const int rows = std::min(m_chunkRows, block.rows - within);
+        return {block.index, block.first + within, rows, within + rows == block.rows};
+    }
+
+private:
+    RowBlocks m_blocks;
+    int m_chunkRows, m_perBlock;
+};
+
+// Chunks in flight: one being read, one being computed, one being written.
+constexpr int kSlots = 3;
 
 // Calls fn(TIn{}, TOut{}) for two pixel type codes; false when either is not 1..7.
 template <class Fn>
@@ -203,9 +235,17 @@ int CPCAEngine::StatisticsPass(int components)
     if (rows < 1)
         return Fail(1, kTooWide);
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    const int read = ReadBlocks<TIn>(rows, readSpan, true, [&](int, int, long long pixels, const double* values) {
+    const long long width = m_pDataset->GetRasterXSize();
+    // The helper's widened chunk.
+    TypedBuffer<double> values = NewSamples<double>(ChunkRows(rows, static_cast<int>(width), n) * width * n);
+    if (!values)
+        return Fail(1, "Apply memory Fail!");
+    const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
+        const long long pixels = chunk.rows * width;
+        PcaWiden(samples, pixels * n, values.get());
         PcaWithBandCount(n, [&](auto fixed) {
-            PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+            PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(),
+                                                  m_pCross.get());
         });
     });
     if (read != 0) {
@@ -341,62 +381,101 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     return status;
 }
 
-// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read, widened
-// to double and handed to fn(first row, rows, pixels, values); after each block the span reports and
-// polls. `announce` reports the span's start once the buffers are there. 0, or the failed status.
-template <class TIn, class Fn>
-int CPCAEngine::ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn)
+// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read on the
+// run's thread, compute(chunk, samples, slot) runs on the pipeline's helper, chunk after chunk,
+// and done(chunk, samples, slot) back on the run's thread once the chunk is computed (false: memory
+// was short). The span reports and polls once a block's last chunk is read. `announce` reports the
+// span's start once the buffers are there. 0, or the failed status.
+template <class TIn>
+int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool announce, const ChunkWork<TIn>& compute,
+                             const ChunkDone<TIn>& done)
 {
     const int n = m_nBands;
     const int width = m_pDataset->GetRasterXSize();
-    const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
-    TypedBuffer<TIn> in = NewSamples<TIn>(chunkSamples);
-    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
-    if (!in || !values)
+    const ChunkPlan plan(m_pDataset->GetRasterYSize(), rows, ChunkRows(rows, width, n));
+    const long long rowSamples = static_cast<long long>(width) * n;
+    TypedBuffer<TIn> slots[kSlots];
+    for (auto& slot : slots)
+        if (!(slot = NewSamples<TIn>(ChunkRows(rows, width, n) * rowSamples)))
+            return Fail(1, "Apply memory Fail!");
+    BlockPipeline pipe(kSlots, [&](int index) { compute(plan[index], slots[index % kSlots].get(), index % kSlots); });
+    if (!pipe.Ready())
         return Fail(1, "Apply memory Fail!");
     if (announce)
         span.Report(0, 1);
-    const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
-    for (const RowBlock block : blocks) {
-        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
-            const int first = block.first + chunk.first;
-            if (!ReadRows(*m_pDataset, first, chunk.rows, n, in.get()))
-                return Fail(1, "Failed to read the input file!");
-            const long long pixels = static_cast<long long>(chunk.rows) * width;
-            PcaWiden(in.get(), pixels * n, values.get());
-            fn(first, chunk.rows, pixels, values.get());
-        }
-        if (!span.ReportAndPoll(block.index, blocks.Count()))
-            return Fail(6, QString());
-    }
-    return 0;
+    int status = 0;
+    pipe.Stream(plan.Count(), 0, [&](int index) {
+        const PcaChunk chunk = plan[index];
+        if (status != 0)
+            return false;
+        if (!ReadRows(*m_pDataset, chunk.first, chunk.rows, n, slots[index % kSlots].get()))
+            status = Fail(1, "Failed to read the input file!");
+        else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
+            status = Fail(6, QString());
+        return status == 0;
+    }, [&](int index) {
+        if (status == 0 && done && !done(plan[index], slots[index % kSlots].get(), index % kSlots))
+            status = Fail(1, "Apply memory Fail!");
+    });
+    return status;
 }
 
 // Both rotations: every pixel's first m of n rotated values. The input's sample range is read only
-// if a value falls outside the output type.
+// if a value falls outside the output type; the helper then leaves that chunk to the run's thread,
+// which alone reads the input.
 template <class TIn, class TOut>
 int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
                              const double* add, const ProgressSpan& span)
 {
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(ChunkRows(rows, width, n)) * width * m);
-    std::vector<double> scratch(2 * n);
-    if (!result)
+    const long long width = m_pDataset->GetRasterXSize();
+    const long long chunkPixels = ChunkRows(rows, static_cast<int>(width), n) * width;
+    TypedBuffer<TOut> results[kSlots];
+    for (auto& result : results)
+        if (!(result = NewSamples<TOut>(chunkPixels * m)))
+            return Fail(1, "Apply memory Fail!");
+    // Widened and rotated values, the helper's and (only once a chunk needs the input's range) the
+    // run thread's.
+    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n), redone;
+    std::vector<double> scratch(2 * n), redoneScratch(2 * n);
+    if (!values)
         return Fail(1, "Apply memory Fail!");
+    bool needsRange[kSlots] = {};
+    // Written once by the run's thread before `known` is set; the helper reads it only after.
     std::optional<PcaSampleRange> range;
-    auto inputRange = [&]() -> const PcaSampleRange& {
-        if (!range)
-            range = InputRange<TIn>(*m_pDataset);
-        return *range;
-    };
-    return ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
+    std::atomic<bool> known{false};
+    auto rotate = [&](const PcaChunk& chunk, const TIn* samples, double* into, double* work, TOut* result,
+                      auto&& rangeFn) {
+        const long long pixels = chunk.rows * width;
+        PcaWiden(samples, pixels * n, into);
         PcaWithBandCount(n, [&](auto fixed) {
-            PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
+            PcaRotate<decltype(fixed)::value>(into, pixels, n, sub, weights, add, work);
         });
-        PcaNarrow(values, pixels, n, m, result.get(), inputRange);
-        WriteRows(out, first, chunkRows, m, result.get());
+        PcaNarrow(into, pixels, n, m, result, rangeFn);
+    };
+    return StreamChunks<TIn>(rows, span, false, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
+        const PcaSampleRange none;
+        bool missing = false;
+        rotate(chunk, samples, values.get(), scratch.data(), results[slot].get(), [&]() -> const PcaSampleRange& {
+            if (known.load(std::memory_order_acquire))
+                return *range;
+            missing = true;
+            return none;
+        });
+        needsRange[slot] = missing;
+    }, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
+        if (needsRange[slot]) {
+            if (!range) {
+                range = InputRange<TIn>(*m_pDataset);
+                known.store(true, std::memory_order_release);
+            }
+            if (!redone && !(redone = NewSamples<double>(chunkPixels * n)))
+                return false;
+            rotate(chunk, samples, redone.get(), redoneScratch.data(), results[slot].get(),
+                   [&]() -> const PcaSampleRange& { return *range; });
+        }
+        WriteRows(out, chunk.first, chunk.rows, m, results[slot].get());
+        return true;
     });
 }
 
