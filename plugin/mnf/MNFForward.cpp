@@ -63,9 +63,23 @@ void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<doub
 
 enum class PassEnd { Done, Cancelled, Short };
 
-// The window's rows in blocks, read in the input's type and handed on as Float32, pixel after
-// pixel; each pass reads every block on the run's thread while the pipeline's helper computes the
-// blocks before it.
+// Band after band of `pixels` samples (as a band-sequential read leaves them) into pixel-major
+// Float32 rows.
+template <class T>
+void Interleave(const T* bands, int n, long long pixels, float* rows)
+{
+    for (int b = 0; b < n; ++b) {
+        const T* in = bands + b * pixels;
+        float* out = rows + b;
+        for (long long p = 0; p < pixels; ++p)
+            out[p * n] = SampleToFloat(in[p]);
+    }
+}
+
+// The window's rows in blocks, read in the input's type band after band, which is GDAL's cheapest
+// way out of a pixel-interleaved file, and handed on as Float32, pixel after pixel. Each pass reads
+// every block on the run's thread while the pipeline's helper interleaves and computes the blocks
+// before it.
 template <class T>
 class BlockPasses {
 public:
@@ -73,36 +87,27 @@ public:
     using ComputeFn = std::function<void(int block, float* rows, const float* previous)>;
 
     explicit BlockPasses(MNFForwardRun& run)
-        : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
-          m_raw(kFloat ? nullptr : NewSamples<T>(m_blockSamples))
+        : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples())
     {
-        for (auto& slot : m_slots)
-            slot = NewRows<float>(m_blockSamples);
+        for (int i = 0; i < kSlots; ++i) {
+            m_raw[i] = NewSamples<T>(m_blockSamples);
+            m_slots[i] = NewRows<float>(m_blockSamples);
+        }
     }
     bool Ready() const
     {
-        return (kFloat || m_raw != nullptr) &&
-               std::all_of(std::begin(m_slots), std::end(m_slots), [](const auto& s) { return s != nullptr; });
+        for (int i = 0; i < kSlots; ++i)
+            if (!m_raw[i] || !m_slots[i])
+                return false;
+        return true;
     }
     const RowBlocks& Blocks() const { return m_blocks; }
 
-    // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
+    // Image rows [y, y + count) as Float32 rows, outside a pass (its buffers are free then).
     void ReadRows(int y, int count, float* rows) const
     {
-        const long long samples = count * m_run.RowSamples();
-        const PixelMajor space = PixelMajorSpacing(m_run.n, m_run.width, sizeof(T));
-        T* raw;
-        if constexpr (kFloat)
-            raw = rows; // already the rows' type: no conversion pass
-        else
-            raw = m_raw.get();
-        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, raw, m_run.width, count,
-                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
-                                      space.pixel, space.line, space.band))
-            ClearTypedBuffer(raw, m_run.type, samples);
-        if constexpr (!kFloat)
-            for (long long i = 0; i < samples; ++i)
-                rows[i] = SampleToFloat(raw[i]);
+        ReadBands(y, count, m_raw[0].get());
+        Interleave(m_raw[0].get(), m_run.n, static_cast<long long>(count) * m_run.width, rows);
     }
 
     // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
@@ -110,6 +115,8 @@ public:
     PassEnd Run(int keep, const ComputeFn& compute, const std::function<void(int, float*)>& done = {}) const
     {
         BlockPipeline pipe(kSlots, [&](int block) {
+            Interleave(m_raw[block % kSlots].get(), m_run.n, static_cast<long long>(m_blocks[block].rows) * m_run.width,
+                       Slot(block));
             compute(block, Slot(block), block > 0 ? Slot(block - 1) : nullptr);
         });
         if (!pipe.Ready())
@@ -119,7 +126,7 @@ public:
             for (int r = 0; r < block.rows; ++r)
                 if (!m_run.Unit())
                     return false; // cancelled
-            ReadRows(m_run.sel.window.y0 + block.first, block.rows, Slot(index));
+            ReadBands(m_run.sel.window.y0 + block.first, block.rows, m_raw[index % kSlots].get());
             return true;
         }, [&](int index) {
             if (done)
@@ -129,14 +136,26 @@ public:
     }
 
 private:
-    static constexpr bool kFloat = std::is_same_v<T, float>;
     static constexpr int kSlots = 3;
     float* Slot(int block) const { return m_slots[block % kSlots].get(); }
+
+    // Rows [y, y + count) of the selected bands, band after band; a failed read counts as zeros,
+    // as if the buffer had been cleared.
+    void ReadBands(int y, int count, T* raw) const
+    {
+        const int w = m_run.width;
+        const long long samples = count * m_run.RowSamples();
+        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, w, count, raw, w, count,
+                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
+                                      sizeof(T), static_cast<long long>(w) * sizeof(T),
+                                      static_cast<long long>(count) * w * sizeof(T)))
+            ClearTypedBuffer(raw, m_run.type, samples);
+    }
 
     MNFForwardRun& m_run;
     RowBlocks m_blocks;
     long long m_blockSamples;
-    TypedBuffer<T> m_raw;
+    TypedBuffer<T> m_raw[kSlots];
     TypedBuffer<float> m_slots[kSlots];
 };
 
