@@ -54,30 +54,37 @@ OrvUtility::_ptr_t<RasterDataset> CreatePlaced(RasterDataset& in, const QString&
     return out;
 }
 
-// Pixel-major reads and writes of whole rows of bands 1..bands.
-template <class T>
-bool RowsIO(bool write, RasterDataset& ds, int first, int rows, int bands, T* buffer)
-{
-    const int width = ds.GetRasterXSize();
-    const BandNumbers numbers = AllBandNumbers(bands);
-    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
-    const auto type = static_cast<PixelDataType>(PixelTypeOf<T>());
-    return write ? ds.WriteRaster(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(), space.pixel,
-                                  space.line, space.band)
-                 : ds.ReadRasterInto(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(),
-                                     space.pixel, space.line, space.band);
-}
-
+// Whole rows of bands 1..bands, pixel-major.
 template <class T>
 bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
 {
-    return RowsIO(false, in, first, rows, bands, buffer);
+    const int width = in.GetRasterXSize();
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
+    return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
+                             bands, numbers.data(), space.pixel, space.line, space.band);
 }
 
+// A chunk of bands 1..bands, band after band: GDAL's cheapest way out of a pixel-interleaved file.
 template <class T>
-bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
+bool ReadChunk(RasterDataset& in, const PcaChunk& c, int bands, T* buffer)
 {
-    return RowsIO(true, out, first, rows, bands, buffer);
+    const long long cols = c.cols;
+    const BandNumbers numbers = AllBandNumbers(bands);
+    return in.ReadRasterInto(c.x0, c.first, c.cols, c.rows, buffer, c.cols, c.rows,
+                             static_cast<PixelDataType>(PixelTypeOf<T>()), bands, numbers.data(), sizeof(T),
+                             cols * sizeof(T), c.rows * cols * sizeof(T));
+}
+
+// A chunk's pixel-major values of bands 1..bands.
+template <class T>
+bool WriteChunk(RasterDataset& out, const PcaChunk& c, int bands, T* buffer)
+{
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const PixelMajor space = PixelMajorSpacing(bands, c.cols, sizeof(T));
+    return out.WriteRaster(c.x0, c.first, c.cols, c.rows, buffer, c.cols, c.rows,
+                           static_cast<PixelDataType>(PixelTypeOf<T>()), bands, numbers.data(), space.pixel,
+                           space.line, space.band);
 }
 
 int ChunkRows(long long blockRows, int width, int bands)
@@ -85,32 +92,61 @@ int ChunkRows(long long blockRows, int width, int bands)
     return static_cast<int>(std::max(1LL, std::min(blockRows, RowsWithin(kChunkSamples, width, bands))));
 }
 
-// A pass's blocks of rows cut into chunks of at most chunkRows rows, numbered through the image.
+// A pass's blocks of rows cut into chunks of about kChunkSamples samples, numbered through the
+// image in pixel order: whole rows where a row fits, pieces of one row where it does not, so that
+// memory stays the same for any width.
 class ChunkPlan {
 public:
-    ChunkPlan(int height, long long blockRows, int chunkRows)
-        : m_blocks(height, static_cast<int>(blockRows)), m_chunkRows(chunkRows),
-          m_perBlock((m_blocks.RowsPerBlock() + chunkRows - 1) / chunkRows)
+    ChunkPlan(int width, int height, long long blockRows, int bands)
+        : m_width(width), m_blocks(height, static_cast<int>(blockRows)),
+          m_pieces(static_cast<int>((static_cast<long long>(width) * bands + kChunkSamples - 1) / kChunkSamples)),
+          m_cols((width + m_pieces - 1) / m_pieces),
+          m_rows(m_pieces > 1 ? 1 : ChunkRows(m_blocks.RowsPerBlock(), width, bands)),
+          m_perBlock(RowChunks(m_blocks.RowsPerBlock()) * m_pieces)
     {
     }
     const RowBlocks& Blocks() const { return m_blocks; }
+    long long MaxPixels() const { return static_cast<long long>(m_rows) * m_cols; }
     int Count() const
     {
         const int blocks = m_blocks.Count();
-        return blocks == 0 ? 0 : (blocks - 1) * m_perBlock + (m_blocks[blocks - 1].rows + m_chunkRows - 1) / m_chunkRows;
+        return blocks == 0 ? 0 : (blocks - 1) * m_perBlock + RowChunks(m_blocks[blocks - 1].rows) * m_pieces;
     }
     PcaChunk operator[](int index) const
     {
         const RowBlock block = m_blocks[index / m_perBlock];
-        const int within = index % m_perBlock * m_chunkRows;
-        const int rows = std::min(m_chunkRows, block.rows - within);
-        return {block.index, block.first + within, rows, within + rows == block.rows};
+        const int within = index % m_perBlock;
+        const int row = within / m_pieces * m_rows;
+        const int rows = std::min(m_rows, block.rows - row);
+        const int x0 = within % m_pieces * m_cols;
+        const int cols = std::min(m_cols, m_width - x0);
+        return {block.index, block.first + row, rows, x0, cols, row + rows == block.rows && x0 + cols == m_width};
     }
 
 private:
+    int RowChunks(int rows) const { return (rows + m_rows - 1) / m_rows; }
+    int m_width;
     RowBlocks m_blocks;
-    int m_chunkRows, m_perBlock;
+    int m_pieces, m_cols, m_rows, m_perBlock;
 };
+
+// The helper widens and interleaves a chunk a piece of this many samples at a time.
+constexpr long long kPieceSamples = 8 * 1024;
+
+// fn(values, first pixel, pixels) over a chunk's band-sequential samples, a piece at a time,
+// widened and interleaved into `piece` (kPieceSamples doubles, or n for more bands than that).
+template <class TIn, class Fn>
+void ForPieces(const TIn* samples, long long pixels, int n, double* piece, Fn&& fn)
+{
+    const long long step = std::max(1LL, kPieceSamples / n);
+    for (long long first = 0; first < pixels; first += step) {
+        const long long count = std::min(step, pixels - first);
+        PcaInterleave(samples + first, pixels, count, n, piece);
+        fn(piece, first, count);
+    }
+}
+
+TypedBuffer<double> NewPiece(int n) { return NewSamples<double>(std::max<long long>(kPieceSamples, n)); }
 
 // Chunks in flight: one being read, one being computed, one being written.
 constexpr int kSlots = 3;
@@ -235,17 +271,14 @@ int CPCAEngine::StatisticsPass(int components)
     if (rows < 1)
         return Fail(1, kTooWide);
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    const long long width = m_pDataset->GetRasterXSize();
-    // The helper's widened chunk.
-    TypedBuffer<double> values = NewSamples<double>(ChunkRows(rows, static_cast<int>(width), n) * width * n);
-    if (!values)
+    TypedBuffer<double> piece = NewPiece(n); // the helper's
+    if (!piece)
         return Fail(1, "Apply memory Fail!");
     const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
-        const long long pixels = chunk.rows * width;
-        PcaWiden(samples, pixels * n, values.get());
-        PcaWithBandCount(n, [&](auto fixed) {
-            PcaAccumulate<decltype(fixed)::value>(values.get(), pixels, n, m_pSum.get(), m_pSumSq.get(),
-                                                  m_pCross.get());
+        ForPieces(samples, chunk.Pixels(), n, piece.get(), [&](const double* values, long long, long long pixels) {
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+            });
         });
     });
     if (read != 0) {
@@ -382,7 +415,7 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
 }
 
 // The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read on the
-// run's thread, compute(chunk, samples, slot) runs on the pipeline's helper, chunk after chunk,
+// run's thread, band after band, compute(chunk, samples, slot) runs on the pipeline's helper, chunk after chunk,
 // and done(chunk, samples, slot) back on the run's thread once the chunk is computed (false: memory
 // was short). The span reports and polls once a block's last chunk is read. `announce` reports the
 // span's start once the buffers are there. 0, or the failed status.
@@ -391,12 +424,10 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
                              const ChunkDone<TIn>& done)
 {
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    const ChunkPlan plan(m_pDataset->GetRasterYSize(), rows, ChunkRows(rows, width, n));
-    const long long rowSamples = static_cast<long long>(width) * n;
+    const ChunkPlan plan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n);
     TypedBuffer<TIn> slots[kSlots];
     for (auto& slot : slots)
-        if (!(slot = NewSamples<TIn>(ChunkRows(rows, width, n) * rowSamples)))
+        if (!(slot = NewSamples<TIn>(plan.MaxPixels() * n)))
             return Fail(1, "Apply memory Fail!");
     BlockPipeline pipe(kSlots, [&](int index) { compute(plan[index], slots[index % kSlots].get(), index % kSlots); });
     if (!pipe.Ready())
@@ -408,7 +439,7 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
         const PcaChunk chunk = plan[index];
         if (status != 0)
             return false;
-        if (!ReadRows(*m_pDataset, chunk.first, chunk.rows, n, slots[index % kSlots].get()))
+        if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
             status = Fail(1, "Failed to read the input file!");
         else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
             status = Fail(6, QString());
@@ -428,17 +459,15 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                              const double* add, const ProgressSpan& span)
 {
     const int n = m_nBands;
-    const long long width = m_pDataset->GetRasterXSize();
-    const long long chunkPixels = ChunkRows(rows, static_cast<int>(width), n) * width;
+    const long long chunkPixels = ChunkPlan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n).MaxPixels();
     TypedBuffer<TOut> results[kSlots];
     for (auto& result : results)
         if (!(result = NewSamples<TOut>(chunkPixels * m)))
             return Fail(1, "Apply memory Fail!");
-    // Widened and rotated values, the helper's and (only once a chunk needs the input's range) the
-    // run thread's.
-    TypedBuffer<double> values = NewSamples<double>(chunkPixels * n), redone;
+    // The helper's piece and scratch; the run thread's only once a chunk needs the input's range.
+    TypedBuffer<double> piece = NewPiece(n), redone;
     std::vector<double> scratch(2 * n), redoneScratch(2 * n);
-    if (!values)
+    if (!piece)
         return Fail(1, "Apply memory Fail!");
     bool needsRange[kSlots] = {};
     // Written once by the run's thread before `known` is set; the helper reads it only after.
@@ -446,17 +475,17 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
     std::atomic<bool> known{false};
     auto rotate = [&](const PcaChunk& chunk, const TIn* samples, double* into, double* work, TOut* result,
                       auto&& rangeFn) {
-        const long long pixels = chunk.rows * width;
-        PcaWiden(samples, pixels * n, into);
-        PcaWithBandCount(n, [&](auto fixed) {
-            PcaRotate<decltype(fixed)::value>(into, pixels, n, sub, weights, add, work);
+        ForPieces(samples, chunk.Pixels(), n, into, [&](double* values, long long first, long long pixels) {
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, work);
+            });
+            PcaNarrow(values, pixels, n, m, result + first * m, rangeFn);
         });
-        PcaNarrow(into, pixels, n, m, result, rangeFn);
     };
     return StreamChunks<TIn>(rows, span, false, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
         const PcaSampleRange none;
         bool missing = false;
-        rotate(chunk, samples, values.get(), scratch.data(), results[slot].get(), [&]() -> const PcaSampleRange& {
+        rotate(chunk, samples, piece.get(), scratch.data(), results[slot].get(), [&]() -> const PcaSampleRange& {
             if (known.load(std::memory_order_acquire))
                 return *range;
             missing = true;
@@ -469,12 +498,12 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                 range = InputRange<TIn>(*m_pDataset);
                 known.store(true, std::memory_order_release);
             }
-            if (!redone && !(redone = NewSamples<double>(chunkPixels * n)))
+            if (!redone && !(redone = NewPiece(n)))
                 return false;
             rotate(chunk, samples, redone.get(), redoneScratch.data(), results[slot].get(),
                    [&]() -> const PcaSampleRange& { return *range; });
         }
-        WriteRows(out, chunk.first, chunk.rows, m, results[slot].get());
+        WriteChunk(out, chunk, m, results[slot].get());
         return true;
     });
 }

@@ -13,10 +13,12 @@
 struct PcaSampleRange;
 class ProgressSpan;
 
-// Rows [first, first + rows) of a pass, inside block `block`; the block's last chunk reports.
+// Rows [first, first + rows) by columns [x0, x0 + cols) of a pass, inside block `block`; the
+// block's last chunk reports.
 struct PcaChunk {
-    int block, first, rows;
+    int block, first, rows, x0, cols;
     bool lastOfBlock;
+    long long Pixels() const { return static_cast<long long>(rows) * cols; }
 };
 
 // Principal component engine; lives in the algorithm object between runs, so a rotation-only run
