@@ -25,20 +25,27 @@ BlockPipeline::~BlockPipeline()
 
 void BlockPipeline::Run()
 {
-    for (int block = 0;; ++block) {
-        {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [&] { return m_stop || m_submitted > block; });
-            if (m_stop)
-                return;
-        }
-        m_compute(block);
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_computed = block + 1;
-        }
-        m_changed.notify_all();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [&] { return m_stop || (!m_busy && m_submitted > m_computed); });
+        if (m_stop)
+            return;
+        ComputeNext(lock);
     }
+}
+
+// The oldest block not yet computed, by whichever thread holds the lock; blocks stay in order
+// because only one is computed at a time.
+void BlockPipeline::ComputeNext(std::unique_lock<std::mutex>& lock)
+{
+    const int block = m_computed;
+    m_busy = true;
+    lock.unlock();
+    m_compute(block);
+    lock.lock();
+    m_busy = false;
+    m_computed = block + 1;
+    m_changed.notify_all();
 }
 
 void BlockPipeline::Submit()
@@ -50,10 +57,17 @@ void BlockPipeline::Submit()
     m_changed.notify_all();
 }
 
+// A helper that is not on the block (on a busy machine it may not have run for a while) leaves it
+// to the waiting thread, which computes it rather than sleep.
 void BlockPipeline::WaitComputed(int block)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [&] { return m_computed > block; });
+    while (m_computed <= block) {
+        if (!m_busy && m_submitted > m_computed)
+            ComputeNext(lock);
+        else
+            m_changed.wait(lock);
+    }
 }
 
 bool BlockPipeline::Stream(int count, int keep, const std::function<bool(int)>& fill,

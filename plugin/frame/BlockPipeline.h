@@ -7,7 +7,9 @@
 // Runs the arithmetic of a pass on a helper thread, block after block in order, while the run's
 // thread reads the blocks ahead and writes the ones done. Each block lives in slot
 // block % Slots() of buffers the caller owns; the helper only computes on them. Reading, writing,
-// progress and cancellation stay on the run's thread.
+// progress and cancellation stay on the run's thread, which also computes a block itself when it
+// would otherwise wait for a helper that has not started it: one block at a time, in order, so
+// compute may keep state from block to block.
 class BlockPipeline {
 public:
     using ComputeFn = std::function<void(int block)>;
@@ -29,6 +31,7 @@ public:
 
 private:
     void Run();
+    void ComputeNext(std::unique_lock<std::mutex>& lock);
     void Submit();
     void WaitComputed(int block);
 
@@ -37,6 +40,6 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     int m_submitted = 0, m_computed = 0;
-    bool m_stop = false;
+    bool m_busy = false, m_stop = false;
     std::thread m_helper;
 };
