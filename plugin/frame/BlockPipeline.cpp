@@ -71,23 +71,22 @@ void BlockPipeline::WaitComputed(int block)
 }
 
 bool BlockPipeline::Stream(int count, int keep, const std::function<bool(int)>& fill,
-                           const std::function<void(int)>& done)
+                           const std::function<bool(int)>& done)
 {
     int released = 0;
     auto retire = [&] {
         WaitComputed(std::min(released + keep, count - 1));
-        if (done)
-            done(released);
-        ++released;
+        return !done || done(released++);
     };
     for (int block = 0; block < count; ++block) {
-        if (block - released == m_slots)
-            retire();
+        if (block - released == m_slots && !retire())
+            return false;
         if (!fill(block))
             return false;
         Submit();
     }
     while (released < count)
-        retire();
+        if (!retire())
+            return false;
     return true;
 }

@@ -27,5 +27,5 @@ private:
     bool OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,
                       int lastRow, RasterPtr& in, MNFSelection& selection);
 
-    float* m_pBuffer = nullptr; // the Float32 block rows of the running pass
+    float* m_pBuffer = nullptr; // the forward run's upper neighbour of its first row
 };

@@ -131,6 +131,7 @@ public:
         }, [&](int index) {
             if (done)
                 done(index, Slot(index));
+            return true;
         });
         return whole ? PassEnd::Done : PassEnd::Cancelled;
     }

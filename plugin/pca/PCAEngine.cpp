@@ -437,16 +437,15 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
     int status = 0;
     pipe.Stream(plan.Count(), 0, [&](int index) {
         const PcaChunk chunk = plan[index];
-        if (status != 0)
-            return false;
         if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
             status = Fail(1, "Failed to read the input file!");
         else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
             status = Fail(6, QString());
         return status == 0;
     }, [&](int index) {
-        if (status == 0 && done && !done(plan[index], slots[index % kSlots].get(), index % kSlots))
+        if (done && !done(plan[index], slots[index % kSlots].get(), index % kSlots))
             status = Fail(1, "Apply memory Fail!");
+        return status == 0;
     });
     return status;
 }
