@@ -65,6 +65,10 @@ TEST(PcaModes, StatisticsOnlyAcrossBlocksThenRotationOnlyWithThreeComponents)
         AlgoHarness h;
         ASSERT_TRUE(h.Run(Fwd(in, dir.file("s.sta"), dir.file("o.tif"), 6, true, 0, true, covariance)));
         EXPECT_FALSE(Exists(dir.file("o.tif"))) << "statistics only";
+        std::vector<double> percents = {0, 0, 15, 30, 30, 32, 35, 37, 40, 40, 42, 45, 47, 50, 100}; // two blocks
+        if (height < 256)
+            percents.erase(percents.begin() + 2);
+        EXPECT_EQ(h.Percents(), percents) << height;
         const Eigen::MatrixXd x = Pixels(in, 4);
         const Eigen::MatrixXd centred = x.rowwise() - x.colwise().mean();
         Eigen::MatrixXd c = centred.transpose() * centred / double(x.rows());
