@@ -271,7 +271,7 @@ int CPCAEngine::StatisticsPass(int components)
     if (rows < 1)
         return Fail(1, kTooWide);
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    TypedBuffer<double> piece = NewPiece(n); // the helper's
+    TypedBuffer<double> piece = NewPiece(n); // the computation's: one chunk is computed at a time
     if (!piece)
         return Fail(1, "Apply memory Fail!");
     const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
@@ -415,9 +415,9 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
 }
 
 // The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read on the
-// run's thread, band after band, compute(chunk, samples, slot) runs on the pipeline's helper, chunk after chunk,
-// and done(chunk, samples, slot) back on the run's thread once the chunk is computed (false: memory
-// was short). The span reports and polls once a block's last chunk is read. `announce` reports the
+// run's thread, band after band; compute(chunk, samples, slot) runs on the pipeline's helper,
+// chunk after chunk, and done(chunk, samples, slot) back on the run's thread once the chunk is
+// computed (false: memory was short). The span reports and polls once a block's last chunk is read. `announce` reports the
 // span's start once the buffers are there. 0, or the failed status.
 template <class TIn>
 int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool announce, const ChunkWork<TIn>& compute,
@@ -458,7 +458,8 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                              const double* add, const ProgressSpan& span)
 {
     const int n = m_nBands;
-    const long long chunkPixels = ChunkPlan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n).MaxPixels();
+    const ChunkPlan plan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n);
+    const long long chunkPixels = plan.MaxPixels();
     TypedBuffer<TOut> results[kSlots];
     for (auto& result : results)
         if (!(result = NewSamples<TOut>(chunkPixels * m)))

@@ -122,8 +122,8 @@ TEST(MNFStatsFile, RecordsWrittenAndParsed)
 // neighbour, the last column looks left, half-sums in single precision, the noise over 2N): T
 // whitens the noise (T·C_N·Tᵀ = I, a noise-free band's component dropped), diagonalises the data in
 // falling order, the components are T·(x − m), and a budget of two rows a block gives the same
-// bits. The inverse gives the input back, also from rows it converts a piece at a time. Also on the Landsat sample (width 0) where it is beside
-// the project.
+// bits. The inverse gives the input back, also from rows it converts a piece at a time. Also on
+// the Landsat sample (width 0) where it is beside the project.
 TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
 {
     struct { const char* what; int w, h, n; GDALDataType type; int constantBand; } scenes[] = {

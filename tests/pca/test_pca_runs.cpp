@@ -59,7 +59,8 @@ TEST(PcaModes, StatisticsOnlyAcrossBlocksThenRotationOnlyWithThreeComponents)
 {
     TempDir dir;
     struct Scene { int width, height; bool covariance; };
-    for (const auto& [width, height, covariance] : {Scene{4096, 512, true}, Scene{4096, 300, false}, Scene{22000, 3, true}}) {
+    for (const auto& [width, height, covariance] :
+         {Scene{4096, 512, true}, Scene{4096, 300, false}, Scene{22000, 3, true}}) {
         const std::string in = dir.file("in.tif");
         WriteRaster(in, Shape(width, height, 4, GDT_Byte), Pixel);
         AlgoHarness h;
@@ -135,7 +136,10 @@ TEST(PcaInverse, ValuesOutsideTheTypeAreStretchedByTheComponentRange)
         const std::vector<double> got = ReadBand(dir.file("b.tif"), b + 1);
         for (int p = 0; p < 3000 * 40; ++p) {
             const double c = value(b, p % 3000, p / 3000);
-            const double want = c > 0 && c < 255 ? std::trunc(c) : c <= lo ? 0 : c >= hi ? 255 : std::trunc((c - lo) * 255 / (hi - lo));
+            const double want = c > 0 && c < 255 ? std::trunc(c)
+                                : c <= lo        ? 0
+                                : c >= hi        ? 255
+                                                 : std::trunc((c - lo) * 255 / (hi - lo));
             ASSERT_EQ(got[p], want) << b << " " << p;
         }
     }
