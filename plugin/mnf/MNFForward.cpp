@@ -102,6 +102,9 @@ public:
         return true;
     }
     const RowBlocks& Blocks() const { return m_blocks; }
+    // Rows that a pass first fills when it interleaves block kSlots − 1, after block 0 is
+    // computed: the first block's upper neighbour waits there rather than in a buffer of its own.
+    float* SpareRows() const { return Slot(kSlots - 1); }
 
     // Image rows [y, y + count) as Float32 rows, outside a pass (its buffers are free then).
     void ReadRows(int y, int count, float* rows) const
@@ -182,8 +185,9 @@ struct Moments {
 // takes the row below it as its upper neighbour, on purpose; every later row's is the row before
 // it, kept rather than read again.
 template <class T>
-PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, float* firstUpper, Matrix& wh)
+PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, Matrix& wh)
 {
+    float* firstUpper = passes.SpareRows();
     const int n = run.n, y0 = run.sel.window.y0;
     const long long rowSamples = run.RowSamples();
     const RowBlocks& blocks = passes.Blocks();
@@ -275,12 +279,10 @@ template <class T>
 bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
 {
     const BlockPasses<T> passes(run);
-    FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>(run.RowSamples()).release(); // the first row's upper neighbour
-    if (!passes.Ready() || !m_pBuffer)
+    if (!passes.Ready())
         return Fail(kMNFContext, "Apply memory Fail!");
     Matrix wh;
-    PassEnd end = NoiseWhitening(run, passes, m_pBuffer, wh);
+    PassEnd end = NoiseWhitening(run, passes, wh);
     if (end == PassEnd::Done)
         end = DataRotation(run, passes, wh);
     if (end == PassEnd::Done)
