@@ -38,7 +38,7 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     // Floating types take the kernel's values as they come; integers pass through doubles, a
     // piece of a row at a time.
     constexpr bool kDirect = std::is_floating_point_v<T>;
-    constexpr int kSlots = 3;
+    constexpr int kSlots = 2; // one block read or written while the other is computed
     const int piece = static_cast<int>(std::min<long long>(width, std::max(1LL, kPieceSamples / n)));
     TypedBuffer<float> components[kSlots];
     TypedBuffer<T> pixels[kSlots];
