@@ -70,12 +70,12 @@ void BlockPipeline::WaitComputed(int block)
     }
 }
 
-bool BlockPipeline::Stream(int count, int keep, const std::function<bool(int)>& fill,
+bool BlockPipeline::Stream(int count, const std::function<bool(int)>& fill,
                            const std::function<bool(int)>& done)
 {
     int released = 0;
     auto retire = [&] {
-        WaitComputed(std::min(released + keep, count - 1));
+        WaitComputed(released);
         return !done || done(released++);
     };
     for (int block = 0; block < count; ++block) {

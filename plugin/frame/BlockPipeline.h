@@ -24,10 +24,8 @@ public:
 
     // Blocks 0 .. count − 1, on the calling thread: fill(b) puts block b into its slot; the helper
     // computes it; done(b) runs once b is computed, in order, before b's slot is filled again.
-    // Either returning false stops the stream, which then returns false. A slot is given back
-    // only once the `keep` blocks after it (keep < Slots()) are computed too, for computations
-    // that read the block before.
-    bool Stream(int count, int keep, const std::function<bool(int block)>& fill,
+    // Either returning false stops the stream, which then returns false.
+    bool Stream(int count, const std::function<bool(int block)>& fill,
                 const std::function<bool(int block)>& done = {});
 
 private:

@@ -113,9 +113,10 @@ public:
         Interleave(m_raw[0].get(), m_run.n, static_cast<long long>(count) * m_run.width, rows);
     }
 
-    // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
-    // done(j) runs here once block j is computed, before its slot is read over.
-    PassEnd Run(int keep, const ComputeFn& compute, const std::function<void(int, float*)>& done = {}) const
+    // One pass, one progress unit a row; done(j) runs here once block j is computed, before its
+    // slot is read over. A block's rows are interleaved only once the block before is computed,
+    // so that one's rows stay for it to read.
+    PassEnd Run(const ComputeFn& compute, const std::function<void(int, float*)>& done = {}) const
     {
         BlockPipeline pipe(kSlots, [&](int block) {
             Interleave(m_raw[block % kSlots].get(), m_run.n, static_cast<long long>(m_blocks[block].rows) * m_run.width,
@@ -124,7 +125,7 @@ public:
         });
         if (!pipe.Ready())
             return PassEnd::Short;
-        const bool whole = pipe.Stream(m_blocks.Count(), keep, [&](int index) {
+        const bool whole = pipe.Stream(m_blocks.Count(), [&](int index) {
             const RowBlock block = m_blocks[index];
             for (int r = 0; r < block.rows; ++r)
                 if (!m_run.Unit())
@@ -196,7 +197,7 @@ PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, Matrix&
     else
         std::memset(firstUpper, 0, rowSamples * sizeof(float));
     Moments noise(n);
-    const PassEnd end = passes.Run(1, [&](int block, float* rows, const float* previous) {
+    const PassEnd end = passes.Run([&](int block, float* rows, const float* previous) {
         const float* up = previous ? previous + (blocks[block - 1].rows - 1) * rowSamples : firstUpper;
         for (int r = 0; r < blocks[block].rows; ++r, up = rows + (r - 1) * rowSamples)
             AccumulateNoiseRow(up, rows + r * rowSamples, n, run.width, noise.sums.data(), noise.cross.data());
@@ -231,7 +232,7 @@ PassEnd DataRotation(MNFForwardRun& run, const BlockPasses<T>& passes, const Mat
     const long long rowSamples = run.RowSamples();
     const RowBlocks& blocks = passes.Blocks();
     Moments data(n);
-    const PassEnd end = passes.Run(0, [&](int block, float* rows, const float*) {
+    const PassEnd end = passes.Run([&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
             AccumulateDataRow(rows + r * rowSamples, n, run.width, data.sums.data(), data.cross.data());
     });
@@ -263,7 +264,7 @@ PassEnd WriteComponents(MNFForwardRun& run, const BlockPasses<T>& passes)
     const RowBlocks& blocks = passes.Blocks();
     const BandNumbers outBands = AllBandNumbers(n);
     const PixelMajor space = PixelMajorSpacing(n, w, sizeof(float));
-    return passes.Run(0, [&](int block, float* rows, const float*) {
+    return passes.Run([&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
             AffineRow(rows + r * rowSamples, n, w, run.transform.data(), run.means.data(), nullptr,
                       rows + r * rowSamples);

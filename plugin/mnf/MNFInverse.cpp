@@ -70,7 +70,7 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     const BandNumbers outBands = AllBandNumbers(n);
     const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
     const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
-    const bool whole = pipe.Stream(blocks.Count(), 0, [&](int index) {
+    const bool whole = pipe.Stream(blocks.Count(), [&](int index) {
         const RowBlock block = blocks[index];
         float* in = components[index % kSlots].get();
         // A failed read counts as zeros rather than whatever the buffer held.

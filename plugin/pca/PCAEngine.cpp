@@ -435,7 +435,7 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
     if (announce)
         span.Report(0, 1);
     int status = 0;
-    pipe.Stream(plan.Count(), 0, [&](int index) {
+    pipe.Stream(plan.Count(), [&](int index) {
         const PcaChunk chunk = plan[index];
         if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
             status = Fail(1, "Failed to read the input file!");
