@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-CMNFTransFunc::~CMNFTransFunc() { FreeTypedBuffer(m_pBuffer); }
-
 namespace {
 
 // False when the window is not inside the image or a band is not in it.

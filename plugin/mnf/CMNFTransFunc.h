@@ -10,7 +10,6 @@ struct MNFSelection;
 class CMNFTransFunc : public TransWorker {
 public:
     using TransWorker::TransWorker;
-    ~CMNFTransFunc();
     // bands: 0-based indices, bandCount 0 = all; firstCol -1 = the whole image; blocks: byte budget.
     bool Forward(const QString& input, const QString& output, const QString& statFile, const QString& format,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow, int blocks);
@@ -26,6 +25,4 @@ private:
     // (none for a window or band list that does not fit).
     bool OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,
                       int lastRow, RasterPtr& in, MNFSelection& selection);
-
-    float* m_pBuffer = nullptr; // the Float32 block rows of the running pass
 };

@@ -1,8 +1,8 @@
 // Forward run: noise from neighbour differences, noise whitening, rotation of the whitened data.
 #include "OrvUtility/Mult.h"
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
-#include "mnf/MNFPipeline.h"
 #include "mnf/MNFKernels.h"
 #include "mnf/MNFPixelKernels.h"
 #include "mnf/MNFRun.h"
@@ -63,73 +63,105 @@ void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<doub
 
 enum class PassEnd { Done, Cancelled, Short };
 
-// The window's rows in blocks, read in the input's type and handed on as Float32, pixel after
-// pixel; each pass reads every block on the run's thread while the pipeline's helper computes the
-// blocks before it.
+// Band after band of `pixels` samples (as a band-sequential read leaves them) into pixel-major
+// Float32 rows.
+template <class T>
+void Interleave(const T* bands, int n, long long pixels, float* rows)
+{
+    for (int b = 0; b < n; ++b) {
+        const T* in = bands + b * pixels;
+        float* out = rows + b;
+        for (long long p = 0; p < pixels; ++p)
+            out[p * n] = SampleToFloat(in[p]);
+    }
+}
+
+// The window's rows in blocks, read in the input's type band after band, which is GDAL's cheapest
+// way out of a pixel-interleaved file, and handed on as Float32, pixel after pixel. Each pass reads
+// every block on the run's thread while the pipeline's helper interleaves and computes the blocks
+// before it.
 template <class T>
 class BlockPasses {
 public:
-    explicit BlockPasses(MNFForwardRun& run)
-        : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples()),
-          m_raw(kFloat ? nullptr : NewSamples<T>(m_blockSamples))
-    {
-    }
-    bool Ready() const { return kFloat || m_raw != nullptr; }
-    const RowBlocks& Blocks() const { return m_blocks; }
+    // Computes on block's rows; `previous` is the block before's (null for the first).
+    using ComputeFn = std::function<void(int block, float* rows, const float* previous)>;
 
-    // Image rows [y, y + count); a failed read counts as zeros, as if the buffer had been cleared.
+    explicit BlockPasses(MNFForwardRun& run)
+        : m_run(run), m_blocks(run.height, run.rowsPerBlock), m_blockSamples(m_blocks.RowsPerBlock() * run.RowSamples())
+    {
+        for (int i = 0; i < kSlots; ++i) {
+            m_raw[i] = NewSamples<T>(m_blockSamples);
+            m_slots[i] = NewRows<float>(m_blockSamples);
+        }
+    }
+    bool Ready() const
+    {
+        for (int i = 0; i < kSlots; ++i)
+            if (!m_raw[i] || !m_slots[i])
+                return false;
+        return true;
+    }
+    const RowBlocks& Blocks() const { return m_blocks; }
+    // Rows that a pass first fills when it interleaves block kSlots − 1, after block 0 is
+    // computed: the first block's upper neighbour waits there rather than in a buffer of its own.
+    float* SpareRows() const { return Slot(kSlots - 1); }
+
+    // Image rows [y, y + count) as Float32 rows, outside a pass (its buffers are free then).
     void ReadRows(int y, int count, float* rows) const
     {
-        const long long samples = count * m_run.RowSamples();
-        const PixelMajor space = PixelMajorSpacing(m_run.n, m_run.width, sizeof(T));
-        T* raw;
-        if constexpr (kFloat)
-            raw = rows; // already the rows' type: no conversion pass
-        else
-            raw = m_raw.get();
-        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, m_run.width, count, raw, m_run.width, count,
-                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
-                                      space.pixel, space.line, space.band))
-            ClearTypedBuffer(raw, m_run.type, samples);
-        if constexpr (!kFloat)
-            for (long long i = 0; i < samples; ++i)
-                rows[i] = SampleToFloat(raw[i]);
+        ReadBands(y, count, m_raw[0].get());
+        Interleave(m_raw[0].get(), m_run.n, static_cast<long long>(count) * m_run.width, rows);
     }
 
-    // One pass, one progress unit a row; `keep` blocks stay held for the next one's sake, and
-    // done(j) runs here once block j is computed, before its slot is read over.
-    PassEnd Run(int keep, BlockPipeline::ComputeFn compute, const std::function<void(int, float*)>& done = {}) const
+    // One pass, one progress unit a row; done(j) runs here once block j is computed, before its
+    // slot is read over. A block's rows are interleaved only once the block before is computed,
+    // so that one's rows stay for it to read.
+    PassEnd Run(const ComputeFn& compute, const std::function<void(int, float*)>& done = {}) const
     {
-        BlockPipeline pipe(3, m_blockSamples, std::move(compute));
+        BlockPipeline pipe(kSlots, [&](int block) {
+            Interleave(m_raw[block % kSlots].get(), m_run.n, static_cast<long long>(m_blocks[block].rows) * m_run.width,
+                       Slot(block));
+            compute(block, Slot(block), block > 0 ? Slot(block - 1) : nullptr);
+        });
         if (!pipe.Ready())
             return PassEnd::Short;
-        auto retire = [&] {
-            const int j = pipe.Released();
-            pipe.WaitComputed(std::min(j + keep, m_blocks.Count() - 1));
-            if (done)
-                done(j, pipe.Slot(j));
-            pipe.Release();
-        };
-        for (RowBlock block : m_blocks) {
-            if (pipe.Submitted() - pipe.Released() == pipe.Slots())
-                retire();
+        const bool whole = pipe.Stream(m_blocks.Count(), [&](int index) {
+            const RowBlock block = m_blocks[index];
             for (int r = 0; r < block.rows; ++r)
                 if (!m_run.Unit())
-                    return PassEnd::Cancelled;
-            ReadRows(m_run.sel.window.y0 + block.first, block.rows, pipe.Slot(block.index));
-            pipe.Submit();
-        }
-        while (pipe.Released() < m_blocks.Count())
-            retire();
-        return PassEnd::Done;
+                    return false; // cancelled
+            ReadBands(m_run.sel.window.y0 + block.first, block.rows, m_raw[index % kSlots].get());
+            return true;
+        }, [&](int index) {
+            if (done)
+                done(index, Slot(index));
+            return true;
+        });
+        return whole ? PassEnd::Done : PassEnd::Cancelled;
     }
 
 private:
-    static constexpr bool kFloat = std::is_same_v<T, float>;
+    static constexpr int kSlots = 3;
+    float* Slot(int block) const { return m_slots[block % kSlots].get(); }
+
+    // Rows [y, y + count) of the selected bands, band after band; a failed read counts as zeros,
+    // as if the buffer had been cleared.
+    void ReadBands(int y, int count, T* raw) const
+    {
+        const int w = m_run.width;
+        const long long samples = count * m_run.RowSamples();
+        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, w, count, raw, w, count,
+                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
+                                      sizeof(T), static_cast<long long>(w) * sizeof(T),
+                                      static_cast<long long>(count) * w * sizeof(T)))
+            ClearTypedBuffer(raw, m_run.type, samples);
+    }
+
     MNFForwardRun& m_run;
     RowBlocks m_blocks;
     long long m_blockSamples;
-    TypedBuffer<T> m_raw;
+    TypedBuffer<T> m_raw[kSlots];
+    TypedBuffer<float> m_slots[kSlots];
 };
 
 // Sums and cross-product sums of a pass, completed row by row into a covariance, one progress
@@ -154,8 +186,9 @@ struct Moments {
 // takes the row below it as its upper neighbour, on purpose; every later row's is the row before
 // it, kept rather than read again.
 template <class T>
-PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, float* firstUpper, Matrix& wh)
+PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, Matrix& wh)
 {
+    float* firstUpper = passes.SpareRows();
     const int n = run.n, y0 = run.sel.window.y0;
     const long long rowSamples = run.RowSamples();
     const RowBlocks& blocks = passes.Blocks();
@@ -164,7 +197,7 @@ PassEnd NoiseWhitening(MNFForwardRun& run, const BlockPasses<T>& passes, float* 
     else
         std::memset(firstUpper, 0, rowSamples * sizeof(float));
     Moments noise(n);
-    const PassEnd end = passes.Run(1, [&](int block, float* rows, const float* previous) {
+    const PassEnd end = passes.Run([&](int block, float* rows, const float* previous) {
         const float* up = previous ? previous + (blocks[block - 1].rows - 1) * rowSamples : firstUpper;
         for (int r = 0; r < blocks[block].rows; ++r, up = rows + (r - 1) * rowSamples)
             AccumulateNoiseRow(up, rows + r * rowSamples, n, run.width, noise.sums.data(), noise.cross.data());
@@ -199,7 +232,7 @@ PassEnd DataRotation(MNFForwardRun& run, const BlockPasses<T>& passes, const Mat
     const long long rowSamples = run.RowSamples();
     const RowBlocks& blocks = passes.Blocks();
     Moments data(n);
-    const PassEnd end = passes.Run(0, [&](int block, float* rows, const float*) {
+    const PassEnd end = passes.Run([&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
             AccumulateDataRow(rows + r * rowSamples, n, run.width, data.sums.data(), data.cross.data());
     });
@@ -231,7 +264,7 @@ PassEnd WriteComponents(MNFForwardRun& run, const BlockPasses<T>& passes)
     const RowBlocks& blocks = passes.Blocks();
     const BandNumbers outBands = AllBandNumbers(n);
     const PixelMajor space = PixelMajorSpacing(n, w, sizeof(float));
-    return passes.Run(0, [&](int block, float* rows, const float*) {
+    return passes.Run([&](int block, float* rows, const float*) {
         for (int r = 0; r < blocks[block].rows; ++r)
             AffineRow(rows + r * rowSamples, n, w, run.transform.data(), run.means.data(), nullptr,
                       rows + r * rowSamples);
@@ -247,12 +280,10 @@ template <class T>
 bool CMNFTransFunc::ForwardPasses(MNFForwardRun& run)
 {
     const BlockPasses<T> passes(run);
-    FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>(run.RowSamples()).release(); // the first row's upper neighbour
-    if (!passes.Ready() || !m_pBuffer)
+    if (!passes.Ready())
         return Fail(kMNFContext, "Apply memory Fail!");
     Matrix wh;
-    PassEnd end = NoiseWhitening(run, passes, m_pBuffer, wh);
+    PassEnd end = NoiseWhitening(run, passes, wh);
     if (end == PassEnd::Done)
         end = DataRotation(run, passes, wh);
     if (end == PassEnd::Done)

@@ -1,4 +1,5 @@
 // Inverse run: components back to the input's bands and pixel type through the inverted forward matrix.
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
 #include "mnf/MNFKernels.h"
@@ -8,11 +9,17 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <limits>
 #include <type_traits>
 
 using OrvDataSource::RasterDataset;
 using OrvDataSource::PDT_Float32;
+
+namespace {
+// The integer conversion's doubles are held this many samples at a time.
+constexpr long long kPieceSamples = 8 * 1024;
+} // namespace
 
 struct MNFInverseRun {
     OrvUtility::_ptr_t<RasterDataset> in, out;
@@ -25,44 +32,62 @@ struct MNFInverseRun {
 template <class T>
 bool CMNFTransFunc::InversePass(MNFInverseRun& run)
 {
-    const int n = run.n, width = run.width, rows = run.rowsPerBlock;
+    const int n = run.n, width = run.width;
     const long long rowSamples = static_cast<long long>(n) * width;
-    // Floating types take the kernel's values as they come; integers pass through a row of doubles.
+    const RowBlocks blocks(run.height, run.rowsPerBlock);
+    const long long blockSamples = blocks.RowsPerBlock() * rowSamples;
+    // Floating types take the kernel's values as they come; integers pass through doubles, a
+    // piece of a row at a time.
     constexpr bool kDirect = std::is_floating_point_v<T>;
-    FreeTypedBuffer(m_pBuffer);
-    m_pBuffer = NewRows<float>(rows * rowSamples).release();
-    TypedBuffer<T> pixels = NewSamples<T>(rows * rowSamples);
-    TypedBuffer<double> values = kDirect ? nullptr : NewRows<double>(rowSamples);
-    if (!m_pBuffer || !pixels || (!kDirect && !values))
+    constexpr int kSlots = 2; // one block read or written while the other is computed
+    const int piece = static_cast<int>(std::min<long long>(width, std::max(1LL, kPieceSamples / n)));
+    TypedBuffer<float> components[kSlots];
+    TypedBuffer<T> pixels[kSlots];
+    for (int i = 0; i < kSlots; ++i)
+        if (!(components[i] = NewRows<float>(blockSamples)) || !(pixels[i] = NewSamples<T>(blockSamples)))
+            return Fail(kMNFContext, "Apply memory Fail!");
+    TypedBuffer<double> values = kDirect ? nullptr : NewRows<double>(static_cast<long long>(piece) * n);
+    if (!kDirect && !values)
+        return Fail(kMNFContext, "Apply memory Fail!");
+    // value(b) = Σ_k inverse(b,k)·component_k + mean(b), on the helper.
+    BlockPipeline pipe(kSlots, [&](int index) {
+        for (int r = 0; r < blocks[index].rows; ++r) {
+            const float* in = components[index % kSlots].get() + r * rowSamples;
+            T* out = pixels[index % kSlots].get() + r * rowSamples;
+            if constexpr (kDirect) {
+                AffineRow(in, n, width, run.inverse.get(), nullptr, run.means.get(), out);
+            } else {
+                for (long long c = 0; c < width; c += piece) {
+                    const int count = static_cast<int>(std::min<long long>(piece, width - c));
+                    AffineRow(in + c * n, n, count, run.inverse.get(), nullptr, run.means.get(), values.get());
+                    for (long long i = 0; i < static_cast<long long>(count) * n; ++i)
+                        out[c * n + i] = StorePixel<T>(values.get()[i]);
+                }
+            }
+        }
+    });
+    if (!pipe.Ready())
         return Fail(kMNFContext, "Apply memory Fail!");
     const BandNumbers outBands = AllBandNumbers(n);
     const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
     const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
-    for (RowBlock block : RowBlocks(run.height, rows)) {
+    const bool whole = pipe.Stream(blocks.Count(), [&](int index) {
+        const RowBlock block = blocks[index];
+        float* in = components[index % kSlots].get();
         // A failed read counts as zeros rather than whatever the buffer held.
-        if (!run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, m_pBuffer,
-                                    width, block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel,
-                                    inSpace.line, inSpace.band))
-            ClearTypedBuffer(m_pBuffer, PDT_Float32, block.rows * rowSamples);
-        for (int r = 0; r < block.rows; ++r) {
-            // value(b) = Σ_k inverse(b,k)·component_k + mean(b)
-            const float* components = m_pBuffer + r * rowSamples;
-            T* out = pixels.get() + r * rowSamples;
-            if constexpr (kDirect) {
-                AffineRow(components, n, width, run.inverse.get(), nullptr, run.means.get(), out);
-            } else {
-                AffineRow(components, n, width, run.inverse.get(), nullptr, run.means.get(), values.get());
-                for (long long i = 0; i < rowSamples; ++i)
-                    out[i] = StorePixel<T>(values.get()[i]);
-            }
-        }
-        run.out->WriteRaster(0, block.first, width, block.rows, pixels.get(), width, block.rows,
-                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel,
-                             outSpace.line, outSpace.band);
-        if (!run.progress->ReportAndPoll(block.first, run.height))
-            return LeaveCancelled();
-    }
-    return true;
+        if (!run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, in, width,
+                                    block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line,
+                                    inSpace.band))
+            ClearTypedBuffer(in, PDT_Float32, block.rows * rowSamples);
+        return true;
+    }, [&](int index) {
+        const RowBlock block = blocks[index];
+        run.out->WriteRaster(0, block.first, width, block.rows, pixels[index % kSlots].get(), width, block.rows,
+                             static_cast<PixelDataType>(run.type), n, outBands.data(), outSpace.pixel, outSpace.line,
+                             outSpace.band);
+        return run.progress->ReportAndPoll(block.first, run.height);
+    });
+    return whole || LeaveCancelled();
 }
 
 bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const QString& statFile,

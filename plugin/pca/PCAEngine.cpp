@@ -1,4 +1,5 @@
 #include "pca/PCAEngine.h"
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 #include "frame/TransWorker.h"
@@ -7,6 +8,8 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
+#include <atomic>
+#include <new>
 #include <optional>
 
 using namespace OrvDataSource;
@@ -46,36 +49,102 @@ OrvUtility::_ptr_t<RasterDataset> CreatePlaced(RasterDataset& in, const QString&
     return out;
 }
 
-// Pixel-major reads and writes of whole rows of bands 1..bands.
-template <class T>
-bool RowsIO(bool write, RasterDataset& ds, int first, int rows, int bands, T* buffer)
-{
-    const int width = ds.GetRasterXSize();
-    const BandNumbers numbers = AllBandNumbers(bands);
-    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
-    const auto type = static_cast<PixelDataType>(PixelTypeOf<T>());
-    return write ? ds.WriteRaster(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(), space.pixel,
-                                  space.line, space.band)
-                 : ds.ReadRasterInto(0, first, width, rows, buffer, width, rows, type, bands, numbers.data(),
-                                     space.pixel, space.line, space.band);
-}
-
+// Whole rows of bands 1..bands, pixel-major.
 template <class T>
 bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
 {
-    return RowsIO(false, in, first, rows, bands, buffer);
+    const int width = in.GetRasterXSize();
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
+    return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
+                             bands, numbers.data(), space.pixel, space.line, space.band);
 }
 
+// A chunk of bands 1..bands, band after band: GDAL's cheapest way out of a pixel-interleaved file.
 template <class T>
-bool WriteRows(RasterDataset& out, int first, int rows, int bands, T* buffer)
+bool ReadChunk(RasterDataset& in, const PcaChunk& c, int bands, T* buffer)
 {
-    return RowsIO(true, out, first, rows, bands, buffer);
+    const long long cols = c.cols;
+    const BandNumbers numbers = AllBandNumbers(bands);
+    return in.ReadRasterInto(c.x0, c.first, c.cols, c.rows, buffer, c.cols, c.rows,
+                             static_cast<PixelDataType>(PixelTypeOf<T>()), bands, numbers.data(), sizeof(T),
+                             cols * sizeof(T), c.rows * cols * sizeof(T));
+}
+
+// A chunk's pixel-major values of bands 1..bands.
+template <class T>
+bool WriteChunk(RasterDataset& out, const PcaChunk& c, int bands, T* buffer)
+{
+    const BandNumbers numbers = AllBandNumbers(bands);
+    const PixelMajor space = PixelMajorSpacing(bands, c.cols, sizeof(T));
+    return out.WriteRaster(c.x0, c.first, c.cols, c.rows, buffer, c.cols, c.rows,
+                           static_cast<PixelDataType>(PixelTypeOf<T>()), bands, numbers.data(), space.pixel,
+                           space.line, space.band);
 }
 
 int ChunkRows(long long blockRows, int width, int bands)
 {
     return static_cast<int>(std::max(1LL, std::min(blockRows, RowsWithin(kChunkSamples, width, bands))));
 }
+
+// A pass's blocks of rows cut into chunks of about kChunkSamples samples, numbered through the
+// image in pixel order: whole rows where a row fits, pieces of one row where it does not, so that
+// memory stays the same for any width.
+class ChunkPlan {
+public:
+    ChunkPlan(int width, int height, long long blockRows, int bands)
+        : m_width(width), m_blocks(height, static_cast<int>(blockRows)),
+          m_pieces(static_cast<int>((static_cast<long long>(width) * bands + kChunkSamples - 1) / kChunkSamples)),
+          m_cols((width + m_pieces - 1) / m_pieces),
+          m_rows(m_pieces > 1 ? 1 : ChunkRows(m_blocks.RowsPerBlock(), width, bands)),
+          m_perBlock(RowChunks(m_blocks.RowsPerBlock()) * m_pieces)
+    {
+    }
+    const RowBlocks& Blocks() const { return m_blocks; }
+    long long MaxPixels() const { return static_cast<long long>(m_rows) * m_cols; }
+    int Count() const
+    {
+        const int blocks = m_blocks.Count();
+        return blocks == 0 ? 0 : (blocks - 1) * m_perBlock + RowChunks(m_blocks[blocks - 1].rows) * m_pieces;
+    }
+    PcaChunk operator[](int index) const
+    {
+        const RowBlock block = m_blocks[index / m_perBlock];
+        const int within = index % m_perBlock;
+        const int row = within / m_pieces * m_rows;
+        const int rows = std::min(m_rows, block.rows - row);
+        const int x0 = within % m_pieces * m_cols;
+        const int cols = std::min(m_cols, m_width - x0);
+        return {block.index, block.first + row, rows, x0, cols, row + rows == block.rows && x0 + cols == m_width};
+    }
+
+private:
+    int RowChunks(int rows) const { return (rows + m_rows - 1) / m_rows; }
+    int m_width;
+    RowBlocks m_blocks;
+    int m_pieces, m_cols, m_rows, m_perBlock;
+};
+
+// The helper widens and interleaves a chunk a piece of this many samples at a time.
+constexpr long long kPieceSamples = 8 * 1024;
+
+// fn(values, first pixel, pixels) over a chunk's band-sequential samples, a piece at a time,
+// widened and interleaved into `piece` (kPieceSamples doubles, or n for more bands than that).
+template <class TIn, class Fn>
+void ForPieces(const TIn* samples, long long pixels, int n, double* piece, Fn&& fn)
+{
+    const long long step = std::max(1LL, kPieceSamples / n);
+    for (long long first = 0; first < pixels; first += step) {
+        const long long count = std::min(step, pixels - first);
+        PcaInterleave(samples + first, pixels, count, n, piece);
+        fn(piece, first, count);
+    }
+}
+
+TypedBuffer<double> NewPiece(int n) { return NewSamples<double>(std::max<long long>(kPieceSamples, n)); }
+
+// Chunks in flight: one being read, one being computed, one being written.
+constexpr int kSlots = 3;
 
 // Calls fn(TIn{}, TOut{}) for two pixel type codes; false when either is not 1..7.
 template <class Fn>
@@ -199,9 +268,14 @@ int CPCAEngine::StatisticsPass(int components)
     if (rows < 1)
         return Fail(1, kTooWide);
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
-    const int read = ReadBlocks<TIn>(rows, readSpan, true, [&](int, int, long long pixels, const double* values) {
-        PcaWithBandCount(n, [&](auto fixed) {
-            PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+    TypedBuffer<double> piece = NewPiece(n); // the computation's: one chunk is computed at a time
+    if (!piece)
+        return Fail(1, "Apply memory Fail!");
+    const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
+        ForPieces(samples, chunk.Pixels(), n, piece.get(), [&](const double* values, long long, long long pixels) {
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
+            });
         });
     });
     if (read != 0) {
@@ -338,66 +412,102 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     return status;
 }
 
-// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read, widened
-// to double and handed to fn(first row, rows, pixels, values); after each block the span reports and
-// polls. `announce` reports the span's start once the buffers are there. 0, or the failed status.
-template <class TIn, class Fn>
-int CPCAEngine::ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn)
+// The input in blocks of `rows` rows, each moved in chunks: bands 1..n of a chunk are read on the
+// run's thread, band after band; compute(chunk, samples, slot) runs on the pipeline's helper,
+// chunk after chunk, and done(chunk, samples, slot) back on the run's thread once the chunk is
+// computed (false: memory was short). The span reports and polls once a block's last chunk is read. `announce` reports the
+// span's start once the buffers are there. 0, or the failed status.
+template <class TIn>
+int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool announce, const ChunkWork<TIn>& compute,
+                             const ChunkDone<TIn>& done)
 {
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    const int chunkRows = ChunkRows(rows, width, n);
-    const long long chunkSamples = static_cast<long long>(chunkRows) * width * n;
-    TypedBuffer<TIn> in = NewSamples<TIn>(chunkSamples);
-    TypedBuffer<double> values = NewSamples<double>(chunkSamples);
-    if (!in || !values)
+    const ChunkPlan plan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n);
+    TypedBuffer<TIn> slots[kSlots];
+    for (auto& slot : slots)
+        if (!(slot = NewSamples<TIn>(plan.MaxPixels() * n)))
+            return Fail(1, "Apply memory Fail!");
+    BlockPipeline pipe(kSlots, [&](int index) { compute(plan[index], slots[index % kSlots].get(), index % kSlots); });
+    if (!pipe.Ready())
         return Fail(1, "Apply memory Fail!");
     if (announce)
         span.Report(0, 1);
-    const RowBlocks blocks(m_pDataset->GetRasterYSize(), static_cast<int>(rows));
-    for (const RowBlock block : blocks) {
-        for (const RowBlock chunk : RowBlocks(block.rows, chunkRows)) {
-            const int first = block.first + chunk.first;
-            if (!ReadRows(*m_pDataset, first, chunk.rows, n, in.get()))
-                return Fail(1, "Failed to read the input file!");
-            const long long pixels = static_cast<long long>(chunk.rows) * width;
-            PcaWiden(in.get(), pixels * n, values.get());
-            fn(first, chunk.rows, pixels, values.get());
-        }
-        if (!span.ReportAndPoll(block.index, blocks.Count()))
-            return Fail(6, QString());
-    }
-    return 0;
+    int status = 0;
+    pipe.Stream(plan.Count(), [&](int index) {
+        const PcaChunk chunk = plan[index];
+        if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
+            status = Fail(1, "Failed to read the input file!");
+        else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
+            status = Fail(6, QString());
+        return status == 0;
+    }, [&](int index) {
+        if (done && !done(plan[index], slots[index % kSlots].get(), index % kSlots))
+            status = Fail(1, "Apply memory Fail!");
+        return status == 0;
+    });
+    return status;
 }
 
 // Both rotations: every pixel's first m of n rotated values. The input's sample range is read only
-// if a value falls outside the output type.
+// if a value falls outside the output type; the helper then leaves that chunk to the run's thread,
+// which alone reads the input.
 template <class TIn, class TOut>
 int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const double* sub, const double* weights,
                              const double* add, const ProgressSpan& span)
 {
     const int n = m_nBands;
-    const int width = m_pDataset->GetRasterXSize();
-    TypedBuffer<TOut> result = NewSamples<TOut>(static_cast<long long>(ChunkRows(rows, width, n)) * width * m);
-    std::vector<double> scratch(2 * n);
-    if (!result)
+    const ChunkPlan plan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n);
+    const long long chunkPixels = plan.MaxPixels();
+    TypedBuffer<TOut> results[kSlots];
+    for (auto& result : results)
+        if (!(result = NewSamples<TOut>(chunkPixels * m)))
+            return Fail(1, "Apply memory Fail!");
+    // The helper's piece and scratch; the run thread's only once a chunk needs the input's range.
+    TypedBuffer<double> piece = NewPiece(n), redone;
+    std::vector<double> scratch(2 * n), redoneScratch(2 * n);
+    if (!piece)
         return Fail(1, "Apply memory Fail!");
+    bool needsRange[kSlots] = {};
+    // Written once by the run's thread before `known` is set; the helper reads it only after.
     std::optional<PcaSampleRange> range;
-    bool rangeRefused = false;
-    auto inputRange = [&]() -> const PcaSampleRange& {
-        if (!range)
-            range = InputRange<TIn>(*m_pDataset, rangeRefused);
-        return *range;
-    };
-    const int status = ReadBlocks<TIn>(rows, span, false, [&](int first, int chunkRows, long long pixels, double* values) {
-        PcaWithBandCount(n, [&](auto fixed) {
-            PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, scratch.data());
+    std::atomic<bool> known{false};
+    auto rotate = [&](const PcaChunk& chunk, const TIn* samples, double* into, double* work, TOut* result,
+                      auto&& rangeFn) {
+        ForPieces(samples, chunk.Pixels(), n, into, [&](double* values, long long first, long long pixels) {
+            PcaWithBandCount(n, [&](auto fixed) {
+                PcaRotate<decltype(fixed)::value>(values, pixels, n, sub, weights, add, work);
+            });
+            PcaNarrow(values, pixels, n, m, result + first * m, rangeFn);
         });
-        PcaNarrow(values, pixels, n, m, result.get(), inputRange);
-        WriteRows(out, first, chunkRows, m, result.get());
+    };
+    return StreamChunks<TIn>(rows, span, false, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
+        const PcaSampleRange none;
+        bool missing = false;
+        rotate(chunk, samples, piece.get(), scratch.data(), results[slot].get(), [&]() -> const PcaSampleRange& {
+            if (known.load(std::memory_order_acquire))
+                return *range;
+            missing = true;
+            return none;
+        });
+        needsRange[slot] = missing;
+    }, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
+        if (needsRange[slot]) {
+            if (!range) {
+                bool refused = false;
+                range = InputRange<TIn>(*m_pDataset, refused);
+                // Without the input's range the values beyond the output type cannot be mapped.
+                if (refused)
+                    return false;
+                known.store(true, std::memory_order_release);
+            }
+            if (!redone && !(redone = NewPiece(n)))
+                return false;
+            rotate(chunk, samples, redone.get(), redoneScratch.data(), results[slot].get(),
+                   [&]() -> const PcaSampleRange& { return *range; });
+        }
+        WriteChunk(out, chunk, m, results[slot].get());
+        return true;
     });
-    // Without the input's range the values beyond the output type were not mapped: a failed run.
-    return status == 0 && rangeRefused ? Fail(1, "Apply memory Fail!") : status;
 }
 
 // ---------------------------------------------------------------- inverse

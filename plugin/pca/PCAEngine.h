@@ -7,11 +7,20 @@
 #include "OrvDataSource/RasterDataset.h"
 
 #include <Eigen/Dense>
+#include <functional>
 #include <memory>
 #include <vector>
 
 struct PcaSampleRange;
 class ProgressSpan;
+
+// Rows [first, first + rows) by columns [x0, x0 + cols) of a pass, inside block `block`; the
+// block's last chunk reports.
+struct PcaChunk {
+    int block, first, rows, x0, cols;
+    bool lastOfBlock;
+    long long Pixels() const { return static_cast<long long>(rows) * cols; }
+};
 
 // Principal component engine; lives in the algorithm object between runs, so a rotation-only run
 // projects with the eigenvectors of an earlier statistics-only run.
@@ -40,8 +49,13 @@ private:
     int StatisticsPass(int components);
     template <class TIn, class TOut>
     int Projection(const QString& output, int components, bool subtractMean, const QString& format);
-    template <class TIn, class Fn>
-    int ReadBlocks(long long rows, const ProgressSpan& span, bool announce, Fn&& fn);
+    template <class TIn>
+    using ChunkWork = std::function<void(const PcaChunk&, const TIn* samples, int slot)>;
+    template <class TIn>
+    using ChunkDone = std::function<bool(const PcaChunk&, const TIn* samples, int slot)>;
+    template <class TIn>
+    int StreamChunks(long long rows, const ProgressSpan& span, bool announce, const ChunkWork<TIn>& compute,
+                     const ChunkDone<TIn>& done = {});
     template <class TIn, class TOut>
     int RotateBlocks(OrvDataSource::RasterDataset& out, long long rows, int m, const double* sub,
                      const double* weights, const double* add, const ProgressSpan& span);

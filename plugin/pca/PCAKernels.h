@@ -1,6 +1,6 @@
 #pragma once
-// Pixel kernels of the PCA runs. Samples are widened to double once per chunk; the arithmetic
-// then runs over doubles with the band count fixed at compile time for the usual sizes.
+// Pixel kernels of the PCA runs. Samples are widened to double and interleaved once per chunk; the
+// arithmetic then runs over doubles with the band count fixed at compile time for the usual sizes.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -46,11 +46,16 @@ inline TOut PcaConvert(double c, RangeFn&& range)
     }
 }
 
+// count samples of each band, the bands `stride` samples apart (as a band-sequential read leaves
+// them), into pixel-interleaved doubles.
 template <class TIn>
-void PcaWiden(const TIn* in, long long count, double* out)
+void PcaInterleave(const TIn* bands, long long stride, long long count, int n, double* out)
 {
-    for (long long i = 0; i < count; ++i)
-        out[i] = static_cast<double>(in[i]);
+    for (int b = 0; b < n; ++b) {
+        const TIn* in = bands + b * stride;
+        for (long long p = 0; p < count; ++p)
+            out[p * n + b] = static_cast<double>(in[p]);
+    }
 }
 
 // Converts count values two at a time (one SSE register), each clamped into the type so that the

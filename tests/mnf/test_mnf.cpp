@@ -122,14 +122,15 @@ TEST(MNFStatsFile, RecordsWrittenAndParsed)
 // neighbour, the last column looks left, half-sums in single precision, the noise over 2N): T
 // whitens the noise (T·C_N·Tᵀ = I, a noise-free band's component dropped), diagonalises the data in
 // falling order, the components are T·(x − m), and a budget of two rows a block gives the same
-// bits. The inverse gives the input back. Also on the Landsat sample (width 0) where it is beside
-// the project.
+// bits. The inverse gives the input back, also from rows it converts a piece at a time. Also on
+// the Landsat sample (width 0) where it is beside the project.
 TEST(MNFRuns, ForwardAgainstDirectStatisticsAndRoundTrip)
 {
     struct { const char* what; int w, h, n; GDALDataType type; int constantBand; } scenes[] = {
         {"ThreeBandsUInt16", 7, 5, 3, GDT_UInt16, -1}, {"TwoColumnsInt16", 2, 6, 2, GDT_Int16, -1},
         {"OneBandFloat32", 5, 4, 1, GDT_Float32, -1}, {"ConstantBandByte", 6, 5, 3, GDT_Byte, 1},
-        {"NineBandsFloat32", 4, 3, 9, GDT_Float32, -1}, {"LandsatSample", 0, 0, 6, GDT_Byte, -1}};
+        {"NineBandsFloat32", 4, 3, 9, GDT_Float32, -1}, {"RowsWiderThanAPieceUInt16", 3001, 3, 3, GDT_UInt16, -1},
+        {"LandsatSample", 0, 0, 6, GDT_Byte, -1}};
     for (const auto& s : scenes) {
         SCOPED_TRACE(s.what);
         TempDir dir;
