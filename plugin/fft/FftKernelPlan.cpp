@@ -11,10 +11,6 @@
 #include <new>
 #include <type_traits>
 
-// The 32-byte vector helpers below are always inlined; the note about their calling
-// convention on pre-AVX targets does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
 namespace {
 
 constexpr int kMaxStages = 64;
