@@ -3,13 +3,13 @@
 #include "BandNames.h"
 #include "CommandLine.h"
 #include "KeptFile.h"
+#include "PluginLoader.h"
 #include "RunReport.h"
 #include "TermProgress.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
 #include "OrvDataSource/GdalErrors.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -26,8 +26,6 @@ namespace {
 
 enum ExitStatus { kOk = 0, kFailed = 1, kUsage = 2, kSignalBase = 128 };
 
-using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
-
 std::string ExecutableDir()
 {
     std::error_code ec;
@@ -42,36 +40,6 @@ std::vector<std::string> PluginCandidates(const std::string& overridePath)
         return {overridePath};
     const std::string dir = ExecutableDir();
     return {dir + "/libTavTransformFunc.so", dir + "/../lib/libTavTransformFunc.so"};
-}
-
-struct Plugin {
-    void* handle = nullptr;
-    GetAlgoObjFn create = nullptr;
-    std::string error;
-};
-
-Plugin LoadPlugin(const std::string& overridePath)
-{
-    Plugin p;
-    for (const std::string& path : PluginCandidates(overridePath)) {
-        std::error_code ec;
-        if (!fs::exists(path, ec)) {
-            p.error += "  not found: " + path + "\n";
-            continue;
-        }
-        p.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!p.handle) {
-            p.error += std::string("  ") + dlerror() + "\n";
-            continue;
-        }
-        p.create = reinterpret_cast<GetAlgoObjFn>(dlsym(p.handle, "GetAlgoObj"));
-        if (p.create)
-            return p;
-        p.error += "  " + path + " has no GetAlgoObj\n";
-        dlclose(p.handle);
-        p.handle = nullptr;
-    }
-    return p;
 }
 
 // Waits for SIGINT, SIGTERM and SIGHUP on its own thread, so Terminate never runs inside a signal handler.
@@ -164,7 +132,7 @@ int ExecuteWatched(OrvAlgo::IOrvAlgo& algo, bool& ok)
 
 int Run(const Request& req)
 {
-    Plugin plugin = LoadPlugin(req.pluginPath);
+    const LoadedPlugin plugin = LoadPlugin(PluginCandidates(req.pluginPath));
     if (!plugin.create) {
         std::fprintf(stderr, "ERROR: cannot load the TavTransformFunc plug-in:\n%s", plugin.error.c_str());
         return kFailed;

@@ -3,6 +3,7 @@
 #include "BandNames.h"
 #include "CommandLine.h"
 #include "Options.h"
+#include "PluginLoader.h"
 #include "Quicklook.h"
 #include "Records.h"
 
@@ -19,7 +20,6 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 
@@ -27,8 +27,6 @@ namespace py = pybind11;
 namespace fs = std::filesystem;
 
 namespace {
-
-using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
 
 py::object g_error; // tavtransform.Error
 
@@ -42,26 +40,19 @@ py::object g_error; // tavtransform.Error
 }
 
 // Beside this module (the build tree), then two levels up (lib/python3/dist-packages).
-GetAlgoObjFn LoadPlugin(const std::string& overridePath)
+GetAlgoObjFn Plugin(const std::string& overridePath)
 {
-    static std::map<std::string, GetAlgoObjFn> loaded;
     Dl_info self{};
-    dladdr(reinterpret_cast<void*>(&LoadPlugin), &self);
+    dladdr(reinterpret_cast<void*>(&Plugin), &self);
     const fs::path dir = fs::path(self.dli_fname ? self.dli_fname : ".").parent_path();
     std::vector<std::string> candidates = {overridePath};
     if (overridePath.empty())
         candidates = {(dir / "libTavTransformFunc.so").string(), (dir / "../../libTavTransformFunc.so").string()};
+    if (const LoadedPlugin plugin = LoadPlugin(candidates); plugin.create)
+        return plugin.create;
     std::string tried;
-    for (const std::string& path : candidates) {
-        if (auto it = loaded.find(path); it != loaded.end())
-            return it->second;
-        // Kept loaded for the life of the process: GDAL may still hold objects it made.
-        void* handle = fs::exists(path) ? dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL) : nullptr;
-        auto create = handle ? reinterpret_cast<GetAlgoObjFn>(dlsym(handle, "GetAlgoObj")) : nullptr;
-        if (create)
-            return loaded[path] = create;
+    for (const std::string& path : candidates)
         tried += " " + path;
-    }
     Raise(1, "cannot load the TavTransformFunc plug-in; tried" + tried);
 }
 
@@ -102,7 +93,7 @@ py::object EigenTable(const boost::any& record)
 
 py::object Execute(const Request& req, const py::object& progress)
 {
-    std::unique_ptr<OrvAlgo::IOrvAlgo> algo(LoadPlugin(req.pluginPath)());
+    std::unique_ptr<OrvAlgo::IOrvAlgo> algo(Plugin(req.pluginPath)());
     OrvAlgo::ProgressSignal signal;
     ProgressBridge bridge{algo.get(), progress, {}};
     signal.connect([&bridge](double p, const QString& m, void*) { return bridge(p, m); });
