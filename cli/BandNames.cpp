@@ -5,7 +5,6 @@
 #include <cpl_error.h>
 #include <gdal_priv.h>
 
-#include <cstdio>
 #include <memory>
 
 namespace {
@@ -137,13 +136,8 @@ void DescribeOutput(const Request& req)
     CPLPopErrorHandler();
 }
 
-bool FinishOutput(const Request& req)
+std::string FinishOutput(const Request& req)
 {
     DescribeOutput(req);
-    if (req.quicklook.empty())
-        return true;
-    const std::string problem = WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft");
-    if (!problem.empty())
-        std::fprintf(stderr, "ERROR: %s\n", problem.c_str());
-    return problem.empty();
+    return req.quicklook.empty() ? std::string() : WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft");
 }

@@ -94,14 +94,9 @@ private:
 
 void PrintEigenTable(const boost::any& params)
 {
-    const auto* info = boost::any_cast<stForwardPCAInfo>(&params);
-    if (!info)
-        return;
     std::printf("%-10s %16s %14s %14s\n", "component", "eigenvalue", "percent", "cumulative");
-    for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
-        std::printf("%-10zu %16.6f %14.4f %14.4f\n", i + 1, info->vecEigenValues[i],
-                    i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
-                    i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0);
+    for (const EigenRow& row : EigenTable(params))
+        std::printf("%-10zu %16.6f %14.4f %14.4f\n", row.component, row.eigenvalue, row.percent, row.cumulative);
 }
 
 // The plug-in's failure, its plain-language reading, GDAL's reason and the I/O that failed.
@@ -177,7 +172,11 @@ int Run(const Request& req)
     }
     if (!ok)
         return ReportPluginFailure(*algo);
-    return FinishOutput(req) ? kOk : kFailed;
+    if (const std::string problem = FinishOutput(req); !problem.empty()) {
+        std::fprintf(stderr, "ERROR: %s\n", problem.c_str());
+        return kFailed;
+    }
+    return kOk;
 }
 
 } // namespace

@@ -4,8 +4,8 @@
 #include "CommandLine.h"
 #include "Options.h"
 #include "PluginLoader.h"
-#include "Quicklook.h"
 #include "Records.h"
+#include "RunReport.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
 
@@ -80,14 +80,11 @@ struct ProgressBridge {
     }
 };
 
-py::object EigenTable(const boost::any& record)
+py::object EigenTuples(const boost::any& record)
 {
     py::list table;
-    if (const auto* info = boost::any_cast<stForwardPCAInfo>(&record))
-        for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
-            table.append(py::make_tuple(i + 1, info->vecEigenValues[i],
-                                        i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
-                                        i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0));
+    for (const EigenRow& row : EigenTable(record))
+        table.append(py::make_tuple(row.component, row.eigenvalue, row.percent, row.cumulative));
     return table;
 }
 
@@ -112,11 +109,9 @@ py::object Execute(const Request& req, const py::object& progress)
     if (!ok)
         Raise(code, text.isEmpty() ? "the transform failed" : text.toStdString());
     if (req.statsOnly)
-        return EigenTable(algo->GetParams());
-    DescribeOutput(req);
-    if (!req.quicklook.empty())
-        if (std::string problem = WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft"); !problem.empty())
-            Raise(1, problem);
+        return EigenTuples(algo->GetParams());
+    if (const std::string problem = FinishOutput(req); !problem.empty())
+        Raise(1, problem);
     return py::str(OutputFile(req));
 }
 
