@@ -15,12 +15,6 @@ struct RecordFields {
 
 std::string S(const QString& q) { return q.toStdString(); }
 
-const char* TypeName(int index)
-{
-    static const char* names[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
-    return index >= 0 && index < 7 ? names[index] : "Float64";
-}
-
 template <class Record>
 RecordFields Files(const Record& r)
 {
@@ -34,15 +28,15 @@ RecordFields Fields(const Request& req)
     if (const auto* t = boost::any_cast<stTransInfo>(&req.record)) {
         f = Files(*t);
         if (req.command == "kt")
-            f.options = std::string("-sensor ") + (t->nSensorType == 0 ? "tm" : t->nSensorType == 1 ? "mss" : "etm");
+            f.options = std::string("-sensor ") + SensorName(t->nSensorType);
         else if (req.command == "fft")
             for (int b : t->vecBands)
                 f.options += (f.options.empty() ? "-b " : " -b ") + std::to_string(b);
         else if (req.command == "fft-inverse")
-            f.options = std::string("-ot ") + TypeName(t->nOutDataType);
+            f.options = std::string("-ot ") + PixelTypeNameAt(t->nOutDataType);
     } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&req.record)) {
         f = Files(*p);
-        f.options = std::string("-ot ") + TypeName(p->nOutDataType);
+        f.options = std::string("-ot ") + PixelTypeNameAt(p->nOutDataType);
         if (p->nComponents > 0)
             f.options += " -n " + std::to_string(p->nComponents);
         if (!p->bCovariance)
@@ -53,7 +47,7 @@ RecordFields Fields(const Request& req)
             f.options += " -stats-only";
     } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record)) {
         f = Files(*i);
-        f.options = std::string("-ot ") + TypeName(i->nOutDataType);
+        f.options = std::string("-ot ") + PixelTypeNameAt(i->nOutDataType);
     }
     if (!f.stats.empty())
         f.options = "-stats " + f.stats + (f.options.empty() ? "" : " ") + f.options;

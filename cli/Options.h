@@ -9,7 +9,7 @@ struct Options {
     std::string command;
     std::string format = "GTiff";
     std::string stats;
-    std::string sensor = "tm";
+    std::string sensor = "tm";    // as typed, in any case
     std::string outType = "Float32";
     std::vector<int> bands;   // -b, 1-based, in the order given
     int components = 0;       // -n, 0 = every band

@@ -2,6 +2,8 @@
 
 #include "OrvDataSource/DatasetFactory.h"
 
+#include <array>
+
 namespace {
 
 QString Q(const std::string& s) { return QString::fromStdString(s); }
@@ -54,7 +56,7 @@ stTransInfo TransRecord(const Options& o)
     r.bForward = c.find("-inverse") == std::string::npos;
     if (c == "kt") {
         r.nTransType = 4;
-        r.nSensorType = o.sensor == "tm" ? 0 : o.sensor == "mss" ? 1 : 2;
+        r.nSensorType = SensorCode(o.sensor);
     } else if (c == "fft" || c == "fft-inverse") {
         r.nTransType = 2;
         r.vecBands = FourierBands(o);
@@ -99,7 +101,7 @@ PlannedOutput PlanOutput(const Options& o, int inputBands)
     const auto chosenType = static_cast<PixelDataType>(PixelTypeIndex(o.outType) + 1);
     const std::string& c = o.command;
     if (c == "kt")
-        return {o.sensor == "tm" ? 3 : o.sensor == "mss" ? 4 : 6, PDT_Float32};
+        return {std::array{3, 4, 6}[SensorCode(o.sensor)], PDT_Float32};
     if (c == "fft")
         return {2 * static_cast<int>(o.bands.empty() ? inputBands : o.bands.size()), PDT_Float32};
     if (c == "fft-inverse")
