@@ -18,6 +18,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <memory>
@@ -158,14 +159,18 @@ py::object Run(const std::string& command, const std::string& input, const py::o
 
 // ---- numpy arrays through /vsimem ----
 
+// numpy's types and GDAL's, both ways. Made per call: a static would outlive the interpreter.
+std::array<std::pair<py::dtype, GDALDataType>, 7> TypePairs()
+{
+    return {{{py::dtype::of<uint8_t>(), GDT_Byte},   {py::dtype::of<uint16_t>(), GDT_UInt16},
+             {py::dtype::of<int16_t>(), GDT_Int16},  {py::dtype::of<uint32_t>(), GDT_UInt32},
+             {py::dtype::of<int32_t>(), GDT_Int32},  {py::dtype::of<float>(), GDT_Float32},
+             {py::dtype::of<double>(), GDT_Float64}}};
+}
+
 GDALDataType GdalType(const py::dtype& d)
 {
-    const std::pair<py::dtype, GDALDataType> types[] = {
-        {py::dtype::of<uint8_t>(), GDT_Byte},   {py::dtype::of<uint16_t>(), GDT_UInt16},
-        {py::dtype::of<int16_t>(), GDT_Int16},  {py::dtype::of<uint32_t>(), GDT_UInt32},
-        {py::dtype::of<int32_t>(), GDT_Int32},  {py::dtype::of<float>(), GDT_Float32},
-        {py::dtype::of<double>(), GDT_Float64}};
-    for (const auto& [dt, type] : types)
+    for (const auto& [dt, type] : TypePairs())
         if (d.is(dt) || d.equal(dt))
             return type;
     return GDT_Unknown;
@@ -173,15 +178,10 @@ GDALDataType GdalType(const py::dtype& d)
 
 py::dtype NumpyType(GDALDataType t)
 {
-    switch (t) {
-    case GDT_Byte: return py::dtype::of<uint8_t>();
-    case GDT_UInt16: return py::dtype::of<uint16_t>();
-    case GDT_Int16: return py::dtype::of<int16_t>();
-    case GDT_UInt32: return py::dtype::of<uint32_t>();
-    case GDT_Int32: return py::dtype::of<int32_t>();
-    case GDT_Float32: return py::dtype::of<float>();
-    default: return py::dtype::of<double>();
-    }
+    for (const auto& [dt, type] : TypePairs())
+        if (type == t)
+            return dt;
+    return py::dtype::of<double>();
 }
 
 // A (bands, rows, cols) or (rows, cols) array as a GeoTIFF in memory; other dtypes become Float64.
