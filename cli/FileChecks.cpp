@@ -153,6 +153,7 @@ std::string CheckFiles(Options& o)
 {
     std::error_code ec;
     const InputFacts input = LookAtInput(o.input);
+    o.inputBands = input.bands;
     // GDAL opens more than files: /vsizip/..., subdataset names.
     if (!input.opened && !fs::exists(o.input, ec))
         return "INPUT '" + o.input + "' does not exist";

@@ -17,6 +17,7 @@ struct Options {
     bool center = false;
     std::string input;
     std::string output;       // empty for pca -stats-only
+    int inputBands = 0;       // INPUT's band count as the file checks found it; 0 when it does not open
     Request request;          // quiet, statsOnly and the plug-in path are filled here
 };
 

@@ -1,7 +1,5 @@
 #include "Records.h"
 
-#include "OrvDataSource/DatasetFactory.h"
-
 #include <array>
 
 namespace {
@@ -29,7 +27,7 @@ ParseResult ForwardPca(const Options& o, boost::any& record)
     r.bStepwise = o.request.statsOnly;
     r.nComponents = 0;
     if (!o.request.statsOnly) {
-        const int available = InputBandCount(o.input);
+        const int available = o.inputBands;
         r.nComponents = o.components ? o.components : available;
         if (available > 0 && r.nComponents > available)
             return Usage("option -n: INPUT has only " + std::to_string(available) + " bands", o.command);
@@ -43,7 +41,7 @@ std::vector<int> FourierBands(const Options& o)
 {
     if (!o.bands.empty() || o.command != "fft")
         return o.bands;
-    std::vector<int> all(InputBandCount(o.input));
+    std::vector<int> all(o.inputBands);
     for (size_t i = 0; i < all.size(); ++i)
         all[i] = static_cast<int>(i) + 1;
     return all;
@@ -70,12 +68,6 @@ stTransInfo TransRecord(const Options& o)
 }
 
 } // namespace
-
-int InputBandCount(const std::string& path)
-{
-    auto ds = OrvDataSource::DatasetFactory::Instance()->OpenRasterDataset(Q(path), OrvDataSource::OM_Read);
-    return ds ? ds->GetBandCount() : 0;
-}
 
 ParseResult BuildRecord(Options o)
 {

@@ -239,6 +239,7 @@ py::array RunOnArray(const std::string& command, const py::array& array, const p
     std::vector<std::string> args = Words(command, options);
     args.insert(args.end(), {dir + "/in.tif", dir + "/out.tif"});
     Checked(ParseOptions(args, o));
+    o.inputBands = array.ndim() == 3 ? static_cast<int>(array.shape(0)) : 1;
     Execute(Checked(BuildRecord(std::move(o))).request, py::none());
     return ReadArray(dir + "/out.tif", array.ndim() == 2);
 }
