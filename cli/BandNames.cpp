@@ -104,12 +104,13 @@ std::string OutputFile(const Request& req) { return req.statsOnly ? std::string(
 
 void DescribeOutput(const Request& req)
 {
-    const std::string output = OutputFile(req);
+    const RecordFields f = Fields(req);
+    const std::string output = req.statsOnly ? std::string() : f.output;
     if (output.empty())
         return;
     GDALAllRegister();
     // A copy-only format (COG, PNG) was written whole; changing it afterwards would undo its layout.
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(Fields(req).format.c_str());
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(f.format.c_str());
     if (!driver || !driver->GetMetadataItem(GDAL_DCAP_CREATE))
         return;
     // A format without update support or without room for these just stays as it is, quietly.
