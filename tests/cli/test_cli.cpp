@@ -361,8 +361,9 @@ std::vector<double> ReferenceStretch(const std::vector<double>& v)
     return out;
 }
 
-// Long side at most 1024 with the aspect kept; three bands or more give RGB, a spectrum pair grey.
-TEST(Quicklook, SizeAndBandsFollowTheRaster)
+// Long side at most 1024 with the aspect kept; three bands or more give RGB, a spectrum pair grey;
+// grey from a ramp, and the log magnitude of a real/imaginary pair, against the stretch's definition.
+TEST(Quicklook, SizeBandsAndPixelsFollowTheRaster)
 {
     TempDir dir;
     const std::string in = dir.file("in.tif"), png = dir.file("q.png");
@@ -374,13 +375,6 @@ TEST(Quicklook, SizeAndBandsFollowTheRaster)
         const auto q = tavtest::Info(png);
         EXPECT_EQ(std::vector<int>({q.width, q.height, q.bands, q.type}), std::vector<int>({c[4], c[5], c[6], 1}));
     }
-}
-
-// Grey from a ramp, and the log magnitude of a real/imaginary pair, against the stretch's definition.
-TEST(Quicklook, PixelsAreTheStretchedValues)
-{
-    TempDir dir;
-    const std::string in = dir.file("in.tif"), png = dir.file("q.png");
     const tavtest::PixelFn ramp = [](int, int x, int y) { return float(std::pow(x + 10.0 * y, 1.5)); };
     const tavtest::PixelFn pair = [](int b, int x, int y) { return b == 0 ? x - 3.0 : y * y - 2.0; };
     for (bool spectrum : {false, true}) {
