@@ -272,6 +272,7 @@ TEST(Interrupt, SignalsDuringARunExit128PlusTheSignalAndRemoveTheOutput)
 {
     TempDir dir;
     const std::string in = dir.file("big.tif"), out = dir.file("kt.tif");
+    GDALAllRegister();
     char** opts = CSLSetNameValue(nullptr, "SPARSE_OK", "TRUE");
     GDALClose(GetGDALDriverManager()->GetDriverByName("GTiff")->Create(in.c_str(), 8000, 8000, 6, GDT_Byte, opts));
     CSLDestroy(opts);
