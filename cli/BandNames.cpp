@@ -5,7 +5,6 @@
 #include <cpl_error.h>
 #include <gdal_priv.h>
 
-#include <cstdio>
 #include <memory>
 
 namespace {
@@ -15,12 +14,6 @@ struct RecordFields {
 };
 
 std::string S(const QString& q) { return q.toStdString(); }
-
-const char* TypeName(int index)
-{
-    static const char* names[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
-    return index >= 0 && index < 7 ? names[index] : "Float64";
-}
 
 template <class Record>
 RecordFields Files(const Record& r)
@@ -35,15 +28,15 @@ RecordFields Fields(const Request& req)
     if (const auto* t = boost::any_cast<stTransInfo>(&req.record)) {
         f = Files(*t);
         if (req.command == "kt")
-            f.options = std::string("-sensor ") + (t->nSensorType == 0 ? "tm" : t->nSensorType == 1 ? "mss" : "etm");
+            f.options = std::string("-sensor ") + SensorName(t->nSensorType);
         else if (req.command == "fft")
             for (int b : t->vecBands)
                 f.options += (f.options.empty() ? "-b " : " -b ") + std::to_string(b);
         else if (req.command == "fft-inverse")
-            f.options = std::string("-ot ") + TypeName(t->nOutDataType);
+            f.options = std::string("-ot ") + PixelTypeNameAt(t->nOutDataType);
     } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&req.record)) {
         f = Files(*p);
-        f.options = std::string("-ot ") + TypeName(p->nOutDataType);
+        f.options = std::string("-ot ") + PixelTypeNameAt(p->nOutDataType);
         if (p->nComponents > 0)
             f.options += " -n " + std::to_string(p->nComponents);
         if (!p->bCovariance)
@@ -54,7 +47,7 @@ RecordFields Fields(const Request& req)
             f.options += " -stats-only";
     } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record)) {
         f = Files(*i);
-        f.options = std::string("-ot ") + TypeName(i->nOutDataType);
+        f.options = std::string("-ot ") + PixelTypeNameAt(i->nOutDataType);
     }
     if (!f.stats.empty())
         f.options = "-stats " + f.stats + (f.options.empty() ? "" : " ") + f.options;
@@ -111,12 +104,13 @@ std::string OutputFile(const Request& req) { return req.statsOnly ? std::string(
 
 void DescribeOutput(const Request& req)
 {
-    const std::string output = OutputFile(req);
+    const RecordFields f = Fields(req);
+    const std::string output = req.statsOnly ? std::string() : f.output;
     if (output.empty())
         return;
     GDALAllRegister();
     // A copy-only format (COG, PNG) was written whole; changing it afterwards would undo its layout.
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(Fields(req).format.c_str());
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(f.format.c_str());
     if (!driver || !driver->GetMetadataItem(GDAL_DCAP_CREATE))
         return;
     // A format without update support or without room for these just stays as it is, quietly.
@@ -137,13 +131,8 @@ void DescribeOutput(const Request& req)
     CPLPopErrorHandler();
 }
 
-bool FinishOutput(const Request& req)
+std::string FinishOutput(const Request& req)
 {
     DescribeOutput(req);
-    if (req.quicklook.empty())
-        return true;
-    const std::string problem = WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft");
-    if (!problem.empty())
-        std::fprintf(stderr, "ERROR: %s\n", problem.c_str());
-    return problem.empty();
+    return req.quicklook.empty() ? std::string() : WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft");
 }

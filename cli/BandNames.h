@@ -18,6 +18,6 @@ std::string OutputFile(const Request& req);
 // simply go without: this never fails the run.
 void DescribeOutput(const Request& req);
 
-// After a successful run: describes the output and writes the requested quicklook. False, with
-// the reason on stderr, when the quicklook could not be written; the output itself stays.
-bool FinishOutput(const Request& req);
+// After a successful run: describes the output and writes the requested quicklook. The reason
+// when the quicklook could not be written (the output itself stays), empty otherwise.
+std::string FinishOutput(const Request& req);

@@ -29,5 +29,11 @@ struct ParseResult {
 
 ParseResult ParseCommandLine(const std::vector<std::string>& args);
 
-// GDAL pixel type name in any case -> 0-based index (Byte 0 .. Float64 6), -1 when unknown.
+// GDAL pixel type name in any case -> 0-based index (Byte 0 .. Float64 6), -1 when unknown; and
+// back, Float64 outside 0..6.
 int PixelTypeIndex(const std::string& name);
+const char* PixelTypeNameAt(int index);
+// Sensor name in any case -> the record's code (tm 0, mss 1, etm 2), -1 when unknown; and back,
+// etm for any other code.
+int SensorCode(const std::string& name);
+const char* SensorName(int code);

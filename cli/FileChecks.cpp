@@ -39,8 +39,6 @@ InputFacts LookAtInput(const std::string& input)
     return f;
 }
 
-bool IsWavelet(const std::string& command) { return command == "dwt" || command == "dwt-inverse"; }
-
 // GDAL's virtual file systems are not folders on disk; GDAL itself judges them.
 bool IsVirtualPath(const std::string& path) { return path.rfind("/vsi", 0) == 0; }
 
@@ -70,33 +68,25 @@ std::string CheckWrittenPath(const std::string& role, std::string& path)
     return {};
 }
 
-// Every file INPUT is made of (VRT sources, side files) is the user's too.
-std::string CheckAgainstInputFiles(const Options& o, const InputFacts& f)
+// The files the run writes and may remove, under the names the messages give them.
+std::vector<std::pair<std::string, std::string*>> WrittenFiles(Options& o)
 {
-    const std::vector<std::pair<std::string, std::string>> written = {
-        {"OUTPUT", o.output},
-        {"the statistics file", WritesStatistics(o) ? o.stats : std::string()},
-        {"the wavelet temporary", IsWavelet(o.command) ? WaveletTempPath(QString::fromStdString(o.output)).toStdString()
-                                                        : std::string()}};
-    for (const std::string& file : f.files)
-        for (const auto& [role, path] : written)
-            if (!path.empty() && SameFile(file, path))
-                return role + " is the same file as '" + file + "', which INPUT reads; refusing to overwrite it";
-    return {};
+    std::vector<std::pair<std::string, std::string*>> files;
+    if (!o.output.empty())
+        files.emplace_back("OUTPUT", &o.output);
+    if (WritesStatistics(o))
+        files.emplace_back("the statistics file", &o.stats);
+    return files;
 }
 
-// Every wavelet run removes this name afterwards, so it must not be anything the user has.
-std::string CheckWaveletTemporary(const Options& o)
+// Every wavelet run writes and removes OUTPUT-without-extension + "_temp.tif"; empty for other runs.
+std::string WaveletTemporary(const Options& o)
 {
-    const std::string temp = WaveletTempPath(QString::fromStdString(o.output)).toStdString();
-    std::error_code ec;
-    if (SameFile(o.input, temp) || fs::exists(fs::symlink_status(temp, ec)))
-        return "'" + temp + "' exists and the wavelet run would overwrite and remove it; "
-               "move it or choose another OUTPUT";
-    return {};
+    const bool wavelet = o.command == "dwt" || o.command == "dwt-inverse";
+    return wavelet ? WaveletTempPath(QString::fromStdString(o.output)).toStdString() : std::string();
 }
 
-std::string CheckSameFiles(const Options& o, const InputFacts& f)
+std::string CheckSameFiles(Options& o, const InputFacts& f)
 {
     if (!o.output.empty() && SameFile(o.input, o.output))
         return "OUTPUT is the same file as INPUT; refusing to overwrite it";
@@ -104,10 +94,20 @@ std::string CheckSameFiles(const Options& o, const InputFacts& f)
         return "the statistics file is the same file as INPUT; refusing to overwrite it";
     if (!o.stats.empty() && !o.output.empty() && SameFile(o.output, o.stats))
         return "the statistics file and OUTPUT are the same file";
-    if (IsWavelet(o.command))
-        if (std::string problem = CheckWaveletTemporary(o); !problem.empty())
-            return problem;
-    return CheckAgainstInputFiles(o, f);
+    // The temporary is removed afterwards, so it must not be anything the user has.
+    std::string temp = WaveletTemporary(o);
+    std::error_code ec;
+    if (!temp.empty() && (SameFile(o.input, temp) || fs::exists(fs::symlink_status(temp, ec))))
+        return "'" + temp + "' exists and the wavelet run would overwrite and remove it; "
+               "move it or choose another OUTPUT";
+    // Every file INPUT is made of (VRT sources, side files) is the user's too.
+    auto written = WrittenFiles(o);
+    written.emplace_back("the wavelet temporary", &temp);
+    for (const std::string& file : f.files)
+        for (const auto& [role, path] : written)
+            if (!path->empty() && SameFile(file, *path))
+                return role + " is the same file as '" + file + "', which INPUT reads; refusing to overwrite it";
+    return {};
 }
 
 // The format must hold what the command writes, or the run is refused before anything is touched.
@@ -131,15 +131,11 @@ std::string CheckFormat(Options& o, const InputFacts& f)
 
 std::string CheckOutputs(Options& o)
 {
-    if (!o.output.empty())
-        if (std::string problem = CheckWrittenPath("OUTPUT", o.output); !problem.empty())
+    for (const auto& [role, path] : WrittenFiles(o)) {
+        if (std::string problem = CheckWrittenPath(role, *path); !problem.empty())
             return problem;
-    if (WritesStatistics(o))
-        if (std::string problem = CheckWrittenPath("the statistics file", o.stats); !problem.empty())
-            return problem;
-    for (const std::string* path : {&o.output, WritesStatistics(o) ? &o.stats : nullptr})
-        if (path && !path->empty())
-            o.request.outputs.push_back(*path);
+        o.request.outputs.push_back(*path);
+    }
     return {};
 }
 
@@ -157,6 +153,7 @@ std::string CheckFiles(Options& o)
 {
     std::error_code ec;
     const InputFacts input = LookAtInput(o.input);
+    o.inputBands = input.bands;
     // GDAL opens more than files: /vsizip/..., subdataset names.
     if (!input.opened && !fs::exists(o.input, ec))
         return "INPUT '" + o.input + "' does not exist";

@@ -4,7 +4,6 @@
 
 #include <strings.h>
 
-#include <cctype>
 #include <map>
 #include <set>
 
@@ -98,6 +97,19 @@ std::string CommandHelp(const std::string& name)
            kCommonOptions;
 }
 
+const char* const kPixelTypes[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
+const char* const kSensors[] = {"tm", "mss", "etm"};
+
+// The position of `name` in the table, in any case as GDAL's tools take their values; -1 when absent.
+template <size_t N>
+int IndexOf(const char* const (&names)[N], const std::string& name)
+{
+    for (size_t i = 0; i < N; ++i)
+        if (strcasecmp(name.c_str(), names[i]) == 0)
+            return static_cast<int>(i);
+    return -1;
+}
+
 bool ParseInt(const std::string& text, int& value)
 {
     try {
@@ -121,10 +133,7 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
     };
     std::string v;
     if (a == "-sensor") {
-        const bool given = value(o.sensor);
-        for (char& ch : o.sensor) // any case, as GDAL's tools take their values
-            ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-        if (!given || (o.sensor != "tm" && o.sensor != "mss" && o.sensor != "etm"))
+        if (!value(o.sensor) || SensorCode(o.sensor) < 0)
             return "option -sensor takes tm, mss or etm";
     } else if (a == "-b") {
         int b = 0;
@@ -183,14 +192,10 @@ bool WritesStatistics(const Options& options)
     return options.command == "pca" || options.command == "mnf";
 }
 
-int PixelTypeIndex(const std::string& name)
-{
-    static const char* names[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
-    for (int i = 0; i < 7; ++i)
-        if (strcasecmp(name.c_str(), names[i]) == 0)
-            return i;
-    return -1;
-}
+int PixelTypeIndex(const std::string& name) { return IndexOf(kPixelTypes, name); }
+const char* PixelTypeNameAt(int index) { return kPixelTypes[index >= 0 && index < 7 ? index : 6]; }
+int SensorCode(const std::string& name) { return IndexOf(kSensors, name); }
+const char* SensorName(int code) { return kSensors[code >= 0 && code < 3 ? code : 2]; }
 
 ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
 {

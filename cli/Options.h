@@ -9,7 +9,7 @@ struct Options {
     std::string command;
     std::string format = "GTiff";
     std::string stats;
-    std::string sensor = "tm";
+    std::string sensor = "tm";    // as typed, in any case
     std::string outType = "Float32";
     std::vector<int> bands;   // -b, 1-based, in the order given
     int components = 0;       // -n, 0 = every band
@@ -17,6 +17,7 @@ struct Options {
     bool center = false;
     std::string input;
     std::string output;       // empty for pca -stats-only
+    int inputBands = 0;       // INPUT's band count as the file checks found it; 0 when it does not open
     Request request;          // quiet, statsOnly and the plug-in path are filled here
 };
 

@@ -1,6 +1,6 @@
 #include "Records.h"
 
-#include "OrvDataSource/DatasetFactory.h"
+#include <array>
 
 namespace {
 
@@ -27,7 +27,7 @@ ParseResult ForwardPca(const Options& o, boost::any& record)
     r.bStepwise = o.request.statsOnly;
     r.nComponents = 0;
     if (!o.request.statsOnly) {
-        const int available = InputBandCount(o.input);
+        const int available = o.inputBands;
         r.nComponents = o.components ? o.components : available;
         if (available > 0 && r.nComponents > available)
             return Usage("option -n: INPUT has only " + std::to_string(available) + " bands", o.command);
@@ -41,7 +41,7 @@ std::vector<int> FourierBands(const Options& o)
 {
     if (!o.bands.empty() || o.command != "fft")
         return o.bands;
-    std::vector<int> all(InputBandCount(o.input));
+    std::vector<int> all(o.inputBands);
     for (size_t i = 0; i < all.size(); ++i)
         all[i] = static_cast<int>(i) + 1;
     return all;
@@ -54,7 +54,7 @@ stTransInfo TransRecord(const Options& o)
     r.bForward = c.find("-inverse") == std::string::npos;
     if (c == "kt") {
         r.nTransType = 4;
-        r.nSensorType = o.sensor == "tm" ? 0 : o.sensor == "mss" ? 1 : 2;
+        r.nSensorType = SensorCode(o.sensor);
     } else if (c == "fft" || c == "fft-inverse") {
         r.nTransType = 2;
         r.vecBands = FourierBands(o);
@@ -68,12 +68,6 @@ stTransInfo TransRecord(const Options& o)
 }
 
 } // namespace
-
-int InputBandCount(const std::string& path)
-{
-    auto ds = OrvDataSource::DatasetFactory::Instance()->OpenRasterDataset(Q(path), OrvDataSource::OM_Read);
-    return ds ? ds->GetBandCount() : 0;
-}
 
 ParseResult BuildRecord(Options o)
 {
@@ -99,7 +93,7 @@ PlannedOutput PlanOutput(const Options& o, int inputBands)
     const auto chosenType = static_cast<PixelDataType>(PixelTypeIndex(o.outType) + 1);
     const std::string& c = o.command;
     if (c == "kt")
-        return {o.sensor == "tm" ? 3 : o.sensor == "mss" ? 4 : 6, PDT_Float32};
+        return {std::array{3, 4, 6}[SensorCode(o.sensor)], PDT_Float32};
     if (c == "fft")
         return {2 * static_cast<int>(o.bands.empty() ? inputBands : o.bands.size()), PDT_Float32};
     if (c == "fft-inverse")

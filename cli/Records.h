@@ -4,10 +4,8 @@
 #include "OrvDataSource/PixelDataType.h"
 
 // Fills the plug-in's parameter record; a usage error when a count does not fit the input.
+// Takes the input band count from options.inputBands rather than opening INPUT again.
 ParseResult BuildRecord(Options options);
-
-// Band count of the raster GDAL opens under `path`, 0 when it does not open.
-int InputBandCount(const std::string& path);
 
 // Bands and pixel type of the raster the command writes, for the format check.
 struct PlannedOutput {

@@ -29,6 +29,17 @@ std::string ExplainPluginText(const QString& text)
     return {};
 }
 
+std::vector<EigenRow> EigenTable(const boost::any& record)
+{
+    std::vector<EigenRow> rows;
+    if (const auto* info = boost::any_cast<stForwardPCAInfo>(&record))
+        for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
+            rows.push_back({i + 1, info->vecEigenValues[i],
+                            i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
+                            i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0});
+    return rows;
+}
+
 bool HostSawFailure() { return !RecordedFailures().isEmpty() || !GdalFailures().isEmpty(); }
 
 std::string RecordedFailureLines()

@@ -3,6 +3,7 @@
 
 #include <QString>
 #include <string>
+#include <vector>
 
 // What a run left for the user, as the host tells it on stderr.
 
@@ -17,6 +18,13 @@ std::string RecordedFailureLines();
 
 // True when GDAL reported a failed read, write, flush or copy during the run.
 bool HostSawFailure();
+
+// One row of the eigenvalue table a statistics-only PCA run hands back, percentages in percent.
+struct EigenRow {
+    size_t component;
+    double eigenvalue, percent, cumulative;
+};
+std::vector<EigenRow> EigenTable(const boost::any& record);
 
 // A run that returned true but whose I/O failed: says what failed and removes what it wrote.
 void ReportHostFailure(const Request& req);

@@ -3,13 +3,13 @@
 #include "BandNames.h"
 #include "CommandLine.h"
 #include "KeptFile.h"
+#include "PluginLoader.h"
 #include "RunReport.h"
 #include "TermProgress.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
 #include "OrvDataSource/GdalErrors.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -26,8 +26,6 @@ namespace {
 
 enum ExitStatus { kOk = 0, kFailed = 1, kUsage = 2, kSignalBase = 128 };
 
-using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
-
 std::string ExecutableDir()
 {
     std::error_code ec;
@@ -42,36 +40,6 @@ std::vector<std::string> PluginCandidates(const std::string& overridePath)
         return {overridePath};
     const std::string dir = ExecutableDir();
     return {dir + "/libTavTransformFunc.so", dir + "/../lib/libTavTransformFunc.so"};
-}
-
-struct Plugin {
-    void* handle = nullptr;
-    GetAlgoObjFn create = nullptr;
-    std::string error;
-};
-
-Plugin LoadPlugin(const std::string& overridePath)
-{
-    Plugin p;
-    for (const std::string& path : PluginCandidates(overridePath)) {
-        std::error_code ec;
-        if (!fs::exists(path, ec)) {
-            p.error += "  not found: " + path + "\n";
-            continue;
-        }
-        p.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!p.handle) {
-            p.error += std::string("  ") + dlerror() + "\n";
-            continue;
-        }
-        p.create = reinterpret_cast<GetAlgoObjFn>(dlsym(p.handle, "GetAlgoObj"));
-        if (p.create)
-            return p;
-        p.error += "  " + path + " has no GetAlgoObj\n";
-        dlclose(p.handle);
-        p.handle = nullptr;
-    }
-    return p;
 }
 
 // Waits for SIGINT, SIGTERM and SIGHUP on its own thread, so Terminate never runs inside a signal handler.
@@ -126,14 +94,9 @@ private:
 
 void PrintEigenTable(const boost::any& params)
 {
-    const auto* info = boost::any_cast<stForwardPCAInfo>(&params);
-    if (!info)
-        return;
     std::printf("%-10s %16s %14s %14s\n", "component", "eigenvalue", "percent", "cumulative");
-    for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
-        std::printf("%-10zu %16.6f %14.4f %14.4f\n", i + 1, info->vecEigenValues[i],
-                    i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
-                    i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0);
+    for (const EigenRow& row : EigenTable(params))
+        std::printf("%-10zu %16.6f %14.4f %14.4f\n", row.component, row.eigenvalue, row.percent, row.cumulative);
 }
 
 // The plug-in's failure, its plain-language reading, GDAL's reason and the I/O that failed.
@@ -164,7 +127,7 @@ int ExecuteWatched(OrvAlgo::IOrvAlgo& algo, bool& ok)
 
 int Run(const Request& req)
 {
-    Plugin plugin = LoadPlugin(req.pluginPath);
+    const LoadedPlugin plugin = LoadPlugin(PluginCandidates(req.pluginPath));
     if (!plugin.create) {
         std::fprintf(stderr, "ERROR: cannot load the TavTransformFunc plug-in:\n%s", plugin.error.c_str());
         return kFailed;
@@ -209,7 +172,11 @@ int Run(const Request& req)
     }
     if (!ok)
         return ReportPluginFailure(*algo);
-    return FinishOutput(req) ? kOk : kFailed;
+    if (const std::string problem = FinishOutput(req); !problem.empty()) {
+        std::fprintf(stderr, "ERROR: %s\n", problem.c_str());
+        return kFailed;
+    }
+    return kOk;
 }
 
 } // namespace

@@ -3,8 +3,9 @@
 #include "BandNames.h"
 #include "CommandLine.h"
 #include "Options.h"
-#include "Quicklook.h"
+#include "PluginLoader.h"
 #include "Records.h"
+#include "RunReport.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
 
@@ -17,9 +18,9 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 
@@ -27,8 +28,6 @@ namespace py = pybind11;
 namespace fs = std::filesystem;
 
 namespace {
-
-using GetAlgoObjFn = OrvAlgo::IOrvAlgo* (*)();
 
 py::object g_error; // tavtransform.Error
 
@@ -42,26 +41,19 @@ py::object g_error; // tavtransform.Error
 }
 
 // Beside this module (the build tree), then two levels up (lib/python3/dist-packages).
-GetAlgoObjFn LoadPlugin(const std::string& overridePath)
+GetAlgoObjFn Plugin(const std::string& overridePath)
 {
-    static std::map<std::string, GetAlgoObjFn> loaded;
     Dl_info self{};
-    dladdr(reinterpret_cast<void*>(&LoadPlugin), &self);
+    dladdr(reinterpret_cast<void*>(&Plugin), &self);
     const fs::path dir = fs::path(self.dli_fname ? self.dli_fname : ".").parent_path();
     std::vector<std::string> candidates = {overridePath};
     if (overridePath.empty())
         candidates = {(dir / "libTavTransformFunc.so").string(), (dir / "../../libTavTransformFunc.so").string()};
+    if (const LoadedPlugin plugin = LoadPlugin(candidates); plugin.create)
+        return plugin.create;
     std::string tried;
-    for (const std::string& path : candidates) {
-        if (auto it = loaded.find(path); it != loaded.end())
-            return it->second;
-        // Kept loaded for the life of the process: GDAL may still hold objects it made.
-        void* handle = fs::exists(path) ? dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL) : nullptr;
-        auto create = handle ? reinterpret_cast<GetAlgoObjFn>(dlsym(handle, "GetAlgoObj")) : nullptr;
-        if (create)
-            return loaded[path] = create;
+    for (const std::string& path : candidates)
         tried += " " + path;
-    }
     Raise(1, "cannot load the TavTransformFunc plug-in; tried" + tried);
 }
 
@@ -89,20 +81,17 @@ struct ProgressBridge {
     }
 };
 
-py::object EigenTable(const boost::any& record)
+py::object EigenTuples(const boost::any& record)
 {
     py::list table;
-    if (const auto* info = boost::any_cast<stForwardPCAInfo>(&record))
-        for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
-            table.append(py::make_tuple(i + 1, info->vecEigenValues[i],
-                                        i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,
-                                        i < info->vecCumulative.size() ? 100.0 * info->vecCumulative[i] : 0.0));
+    for (const EigenRow& row : EigenTable(record))
+        table.append(py::make_tuple(row.component, row.eigenvalue, row.percent, row.cumulative));
     return table;
 }
 
 py::object Execute(const Request& req, const py::object& progress)
 {
-    std::unique_ptr<OrvAlgo::IOrvAlgo> algo(LoadPlugin(req.pluginPath)());
+    std::unique_ptr<OrvAlgo::IOrvAlgo> algo(Plugin(req.pluginPath)());
     OrvAlgo::ProgressSignal signal;
     ProgressBridge bridge{algo.get(), progress, {}};
     signal.connect([&bridge](double p, const QString& m, void*) { return bridge(p, m); });
@@ -121,11 +110,9 @@ py::object Execute(const Request& req, const py::object& progress)
     if (!ok)
         Raise(code, text.isEmpty() ? "the transform failed" : text.toStdString());
     if (req.statsOnly)
-        return EigenTable(algo->GetParams());
-    DescribeOutput(req);
-    if (!req.quicklook.empty())
-        if (std::string problem = WriteQuicklook(OutputFile(req), req.quicklook, req.command == "fft"); !problem.empty())
-            Raise(1, problem);
+        return EigenTuples(algo->GetParams());
+    if (const std::string problem = FinishOutput(req); !problem.empty())
+        Raise(1, problem);
     return py::str(OutputFile(req));
 }
 
@@ -172,14 +159,18 @@ py::object Run(const std::string& command, const std::string& input, const py::o
 
 // ---- numpy arrays through /vsimem ----
 
+// numpy's types and GDAL's, both ways. Made per call: a static would outlive the interpreter.
+std::array<std::pair<py::dtype, GDALDataType>, 7> TypePairs()
+{
+    return {{{py::dtype::of<uint8_t>(), GDT_Byte},   {py::dtype::of<uint16_t>(), GDT_UInt16},
+             {py::dtype::of<int16_t>(), GDT_Int16},  {py::dtype::of<uint32_t>(), GDT_UInt32},
+             {py::dtype::of<int32_t>(), GDT_Int32},  {py::dtype::of<float>(), GDT_Float32},
+             {py::dtype::of<double>(), GDT_Float64}}};
+}
+
 GDALDataType GdalType(const py::dtype& d)
 {
-    const std::pair<py::dtype, GDALDataType> types[] = {
-        {py::dtype::of<uint8_t>(), GDT_Byte},   {py::dtype::of<uint16_t>(), GDT_UInt16},
-        {py::dtype::of<int16_t>(), GDT_Int16},  {py::dtype::of<uint32_t>(), GDT_UInt32},
-        {py::dtype::of<int32_t>(), GDT_Int32},  {py::dtype::of<float>(), GDT_Float32},
-        {py::dtype::of<double>(), GDT_Float64}};
-    for (const auto& [dt, type] : types)
+    for (const auto& [dt, type] : TypePairs())
         if (d.is(dt) || d.equal(dt))
             return type;
     return GDT_Unknown;
@@ -187,15 +178,10 @@ GDALDataType GdalType(const py::dtype& d)
 
 py::dtype NumpyType(GDALDataType t)
 {
-    switch (t) {
-    case GDT_Byte: return py::dtype::of<uint8_t>();
-    case GDT_UInt16: return py::dtype::of<uint16_t>();
-    case GDT_Int16: return py::dtype::of<int16_t>();
-    case GDT_UInt32: return py::dtype::of<uint32_t>();
-    case GDT_Int32: return py::dtype::of<int32_t>();
-    case GDT_Float32: return py::dtype::of<float>();
-    default: return py::dtype::of<double>();
-    }
+    for (const auto& [dt, type] : TypePairs())
+        if (type == t)
+            return dt;
+    return py::dtype::of<double>();
 }
 
 // A (bands, rows, cols) or (rows, cols) array as a GeoTIFF in memory; other dtypes become Float64.
@@ -253,6 +239,7 @@ py::array RunOnArray(const std::string& command, const py::array& array, const p
     std::vector<std::string> args = Words(command, options);
     args.insert(args.end(), {dir + "/in.tif", dir + "/out.tif"});
     Checked(ParseOptions(args, o));
+    o.inputBands = array.ndim() == 3 ? static_cast<int>(array.shape(0)) : 1;
     Execute(Checked(BuildRecord(std::move(o))).request, py::none());
     return ReadArray(dir + "/out.tif", array.ndim() == 2);
 }

@@ -28,8 +28,7 @@ void Dataset::CloseGDAL(const QString& shownPath)
     const int before = GdalFailureCount();
     GDALClose(GDALDataset::ToHandle(m_poDS));
     m_poDS = nullptr;
-    if (writing && GdalFailureCount() > before)
-        RecordFailure(QStringLiteral("writing"), shownPath);
+    RecordIO(!writing || GdalFailureCount() == before, true, shownPath);
 }
 
 } // namespace OrvDataSource

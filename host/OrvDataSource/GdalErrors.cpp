@@ -77,4 +77,11 @@ void RecordFailure(const QString& what, const QString& path)
     g_recorded << what + " " + path + " failed: " + reason;
 }
 
+bool RecordIO(bool ok, bool write, const QString& path)
+{
+    if (!ok)
+        RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), path);
+    return ok;
+}
+
 } // namespace OrvDataSource

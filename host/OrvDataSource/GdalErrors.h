@@ -20,6 +20,8 @@ void ClearGdalError();
 // failed since ClearGdalError(), as "writing out.tif failed: <GDAL's reason>".
 QStringList RecordedFailures();
 void RecordFailure(const QString& what, const QString& path);
+// Passes `ok` through; a failed read or write is recorded under `path`.
+bool RecordIO(bool ok, bool write, const QString& path);
 // Every failure GDAL reported since ClearGdalError(), also those no operation of ours returned
 // (a dirty block written back while another raster was read).
 QStringList GdalFailures();

@@ -36,7 +36,8 @@ PixelDataType FromGDALType(GDALDataType type)
 
 QString PixelTypeName(PixelDataType type)
 {
-    return QString::fromLatin1(GDALGetDataTypeName(ToGDALType(type)) ? GDALGetDataTypeName(ToGDALType(type)) : "Unknown");
+    const char* name = GDALGetDataTypeName(ToGDALType(type));
+    return QString::fromLatin1(name ? name : "Unknown");
 }
 
 } // namespace OrvDataSource

@@ -43,11 +43,9 @@ bool RasterBand::BlockIO(bool write, int x, int y, int w, int h, void* data, int
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data)
         return false;
-    if (m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
-                           pixelSpace, lineSpace, nullptr) == CE_None)
-        return true;
-    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), m_owner->GetOutputPath());
-    return false;
+    return RecordIO(m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, pixelSpace,
+                                       lineSpace, nullptr) == CE_None,
+                    write, m_owner->GetOutputPath());
 }
 
 } // namespace OrvDataSource

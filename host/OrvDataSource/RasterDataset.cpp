@@ -112,11 +112,9 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
         return false;
-    if (m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
-                         const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None)
-        return true;
-    RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), GetOutputPath());
-    return false;
+    return RecordIO(m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
+                                     const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None,
+                    write, GetOutputPath());
 }
 
 bool RasterDataset::SetGeoTransform(const double* gt)
