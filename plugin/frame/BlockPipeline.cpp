@@ -76,7 +76,8 @@ bool BlockPipeline::Stream(int count, const std::function<bool(int)>& fill,
     int released = 0;
     auto retire = [&] {
         WaitComputed(released);
-        return !done || done(released++);
+        const int block = released++;
+        return !done || done(block);
     };
     for (int block = 0; block < count; ++block) {
         if (block - released == m_slots && !retire())

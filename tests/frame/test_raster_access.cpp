@@ -1,10 +1,13 @@
 #include "AlgoHarness.h"
 #include "TestSupport.h"
+#include "frame/BlockPipeline.h"
 #include "frame/RasterAccess.h"
 
 #include <gtest/gtest.h>
 
 #include <QFileInfo>
+#include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -112,3 +115,27 @@ TEST(FreeSpaceQueryDefault, AsksTheRealFileSystemAlsoForAFolderNotMadeYet)
 }
 
 } // namespace
+
+// Each block computed once, in order, and no slot filled again before its block is computed;
+// with or without an after-compute step.
+TEST(BlockPipeline, StreamsEveryBlockOnceThroughItsSlots)
+{
+    for (const bool withDone : {false, true}) {
+        std::vector<int> slotHolds(2, -1), order, done;
+        std::array<std::atomic<int>, 7> times{};
+        BlockPipeline pipe(2, [&](int b) {
+            order.push_back(slotHolds[b % 2] == b ? b : -1);
+            ++times[b];
+        });
+        ASSERT_TRUE(pipe.Ready());
+        const std::function<bool(int)> after = [&](int b) { done.push_back(b); return true; };
+        EXPECT_TRUE(pipe.Stream(7, [&](int b) {
+            const int held = slotHolds[b % 2];
+            EXPECT_TRUE(held < 0 || times[held] == 1) << "block " << b << " fills over " << held;
+            slotHolds[b % 2] = b;
+            return true;
+        }, withDone ? after : std::function<bool(int)>()));
+        EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6}));
+        EXPECT_EQ(done, withDone ? order : std::vector<int>());
+    }
+}
