@@ -12,11 +12,12 @@ public:
     explicit TransWorker(const RunContext& ctx) : m_ctx(&ctx) {}
     const QString& ErrorText() const { return m_strError; }
 
-protected:
     using RasterPtr = OrvUtility::_ptr_t<OrvDataSource::RasterDataset>;
-
     // Opens through the factory's generic open; a dataset without raster bands counts as not opened.
+    // The PCA engine, which is no worker, opens its inputs through it too.
     static RasterPtr OpenInputRaster(const QString& path);
+
+protected:
     RasterPtr CreateOutput(const QString& path, int width, int height, int bands, int type, const QString& format) const;
 
     const RunContext& Context() const { return *m_ctx; }

@@ -28,11 +28,6 @@ constexpr int kMaxBands = 4096;
 QString ForwardMessage() { return Tr(kContext, "Forward PCA Rotation is running..."); }
 QString InverseMessage() { return Tr(kContext, "Inverse PCA Rotation is running..."); }
 
-OrvUtility::_ptr_t<RasterDataset> OpenRaster(const QString& path)
-{
-    return OrvUtility::dynamic_ptr_cast<RasterDataset>(DatasetFactory::Instance()->OpenDataset(path, OM_Read, QString()));
-}
-
 const char* kTooWide = "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.";
 
 // An output on the input's grid, with its projection and geotransform; null when it cannot be created.
@@ -204,7 +199,7 @@ bool CPCAEngine::PrepareForward(const stForwardPCAInfo& info, int& status)
     m_bCovariance = info.bCovariance;
     m_bStepwise = info.bStepwise;
     m_nOutType = info.nOutDataType + 1;
-    m_pDataset = OpenRaster(m_strInput);
+    m_pDataset = TransWorker::OpenInputRaster(m_strInput);
     if (!m_pDataset) {
         status = Fail(1, "Failed to open the input file!");
         return false;
@@ -526,7 +521,7 @@ int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
                            .arg(kMaxBands));
     m_nBands = n;
     m_nOutType = info.nOutDataType >= 0 && info.nOutDataType <= 5 ? info.nOutDataType + 1 : 7;
-    m_pDataset = OpenRaster(m_strInput);
+    m_pDataset = TransWorker::OpenInputRaster(m_strInput);
     if (!m_pDataset)
         return Fail(1, "Failed to open the input file!");
     if (m_pDataset->GetBandCount() < n)
