@@ -10,6 +10,7 @@ install(TARGETS tavtransform tav-quicklook RUNTIME DESTINATION bin)
 install(TARGETS ${TAV_LIBS} LIBRARY DESTINATION lib)
 if(TARGET tavtransform_python)
   install(TARGETS tavtransform_python LIBRARY DESTINATION ${TAV_PYTHON_INSTALL_DIR})
+  include(QgisPlugin)
 endif()
 
 set(CPACK_GENERATOR DEB)

@@ -2,7 +2,8 @@
 import html
 import os
 
-from qgis.core import (QgsProcessingAlgorithm, QgsProcessingException, QgsProcessingOutputString,
+from qgis.core import (QgsProcessingAlgorithm, QgsProcessingException, QgsProcessingFeedback,
+                       QgsProcessingOutputString,
                        QgsProcessingParameterBand, QgsProcessingParameterBoolean, QgsProcessingParameterEnum,
                        QgsProcessingParameterFile, QgsProcessingParameterFileDestination,
                        QgsProcessingParameterNumber, QgsProcessingParameterRasterDestination,
@@ -32,7 +33,7 @@ KINDS = {
               lambda alg, p, c, o: alg.parameterAsInts(p, o.name, c) or None),
     "stats_out": (lambda o: QgsProcessingParameterFileDestination(o.name, o.label, STATS_FILTER),
                   lambda alg, p, c, o: alg.parameterAsFileOutput(p, o.name, c)),
-    "stats_in": (lambda o: QgsProcessingParameterFile(o.name, o.label, extension="sta"),
+    "stats_in": (lambda o: QgsProcessingParameterFile(o.name, o.label, fileFilter=STATS_FILTER),
                  lambda alg, p, c, o: alg.parameterAsFile(p, o.name, c)),
     "png_out": (lambda o: QgsProcessingParameterFileDestination(o.name, o.label, "PNG files (*.png)",
                                                                 optional=True, createByDefault=False),
@@ -101,6 +102,7 @@ class TavTransformAlgorithm(QgsProcessingAlgorithm):
             self.addOutput(QgsProcessingOutputString("EIGENVALUE_TABLE", "Eigenvalue table (text)"))
 
     def processAlgorithm(self, parameters, context, feedback):  # noqa: N802
+        feedback = feedback or QgsProcessingFeedback()  # a caller may pass none
         layer = self.parameterAsRasterLayer(parameters, "INPUT", context)
         if layer is None or layer.providerType() != "gdal":
             raise QgsProcessingException("the input must be a raster that GDAL reads")
@@ -113,7 +115,8 @@ class TavTransformAlgorithm(QgsProcessingAlgorithm):
             raise QgsProcessingException("an output raster is needed unless only the statistics are asked for")
         keywords["of"] = QgsRasterFileWriter.driverForExtension(os.path.splitext(output)[1]) or "GTiff"
         try:
-            runner.run(self.cmd.cli, layer.source(), output, keywords, feedback)
+            runner.run(self.cmd.cli, layer.source(), output, keywords, feedback,
+                       read_only=[keywords[o.keyword] for o in self.options if o.kind == "stats_in"])
         except QgsProcessingException:
             self._forget(context, output)
             raise

@@ -1,5 +1,6 @@
 """One run of the tavtransform Python module for Processing: progress and cancel through the
 feedback, failures as QgsProcessingException with the message the command line prints."""
+import contextlib
 import os
 import sys
 import threading
@@ -47,15 +48,46 @@ class _Progress:
         return not self.feedback.isCanceled()
 
 
+@contextlib.contextmanager
 def _take_turn(feedback):
     while not _one_run_at_a_time.acquire(timeout=0.1):
         if feedback.isCanceled():
             raise QgsProcessingException("the run was cancelled")
-    return _one_run_at_a_time
+    try:
+        yield
+    finally:
+        _one_run_at_a_time.release()
 
 
-def run(command, input_path, output_path, options, feedback):
-    """tavtransform.run with the feedback; the output path, or the eigenvalue rows of pca -stats-only."""
+class _Kept:
+    """Puts files the run only reads back as they were if a failed run removed or changed them (the
+    plug-in removes a failed mnf-inverse's statistics file; the command line puts it back too)."""
+
+    def __init__(self, paths):
+        self.files = {}
+        for path in paths:
+            try:
+                with open(path, "rb") as f:
+                    self.files[path] = (f.read(), os.stat(path).st_mode)
+            except OSError:
+                pass
+
+    def restore(self):
+        for path, (data, mode) in self.files.items():
+            try:
+                with open(path, "rb") as f:
+                    if f.read() == data:
+                        continue
+            except OSError:
+                pass
+            with open(path, "wb") as f:
+                f.write(data)
+            os.chmod(path, mode)
+
+
+def run(command, input_path, output_path, options, feedback, read_only=()):
+    """tavtransform.run with the feedback; the output path, or the eigenvalue rows of pca -stats-only.
+    `read_only`: the files besides INPUT that the run reads."""
     try:
         module = _module()
     except ImportError as e:
@@ -63,9 +95,11 @@ def run(command, input_path, output_path, options, feedback):
     if feedback.isCanceled():
         raise QgsProcessingException("the run was cancelled")
     with _take_turn(feedback):
+        kept = _Kept(read_only)
         try:
             return module.run(command, input_path, output_path, progress=_Progress(feedback), **options)
         except module.Error as e:
+            kept.restore()
             if e.code == CANCELLED:
                 raise QgsProcessingException("the run was cancelled; the partial output was removed")
             raise QgsProcessingException("ERROR %d: %s" % (e.code, e.text))
