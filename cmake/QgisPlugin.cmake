@@ -11,3 +11,5 @@ file(WRITE ${CMAKE_BINARY_DIR}/qgis/installed_paths.py
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/qgis/tavtransform_qgis/ DESTINATION ${plugin_dir}
         FILES_MATCHING PATTERN "*.py" PATTERN "metadata.txt" PATTERN "__pycache__" EXCLUDE)
 install(FILES ${CMAKE_BINARY_DIR}/qgis/installed_paths.py DESTINATION ${plugin_dir})
+# The programs and the module run without QGIS; the plug-in is there for whoever has it.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "qgis, python3-qgis")

@@ -48,3 +48,10 @@ class UnpackedPackage(unittest.TestCase):
             script = "import tavtransform, sys; tavtransform.run('kt', *sys.argv[1:]); print(tavtransform.__file__)"
             self.assertTrue(output("/usr/bin/python3", "-c", script, scene, tmp + "/py.tif", env=env).startswith(root))
             self.assertTrue(os.path.isfile(tmp + "/kt.tif") and os.path.isfile(tmp + "/py.tif"))
+            # The QGIS plug-in where QGIS looks for system plug-ins, pointing at the module beside it
+            plugin = os.path.join(root, "usr", "share", "qgis", "python", "plugins", "tavtransform_qgis")
+            paths = {}
+            exec(pathlib.Path(plugin, "installed_paths.py").read_text(), paths)
+            module_dir = os.path.normpath(os.path.join(plugin, paths["PYTHON_DIR"]))
+            self.assertTrue(glob.glob(os.path.join(module_dir, "tavtransform*.so")), module_dir)
+            self.assertTrue(os.path.isfile(os.path.join(plugin, "metadata.txt")))
