@@ -100,7 +100,7 @@ def run(command, input_path, output_path, options, feedback, read_only=()):
             return module.run(command, input_path, output_path, progress=_Progress(feedback), **options)
         except module.Error as e:
             kept.restore()
-            if e.code == CANCELLED:
+            if e.code == CANCELLED or isinstance(e, getattr(module, "Cancelled", ())):
                 raise QgsProcessingException("the run was cancelled; the partial output was removed")
             raise QgsProcessingException("ERROR %d: %s" % (e.code, e.text))
         except ValueError as e:  # the command line's usage errors
