@@ -47,6 +47,7 @@ TEST(CoefficientFile, MalformedFilesAreRefusedWithTheirMessageAndNothingWritten)
         {"# set\nb,0.1,abc,0.3,0.4,0.5,0.6\n", "c.csv' line 2, field 3: 'abc' is not a number"},
         {"b,0.1,,0.3,0.4,0.5,0.6\n", "c.csv' line 1, field 3: empty where a number belongs"},
         {"b,0.1,0.2,0.3,0.4,0.5,inf\n", "field 7: 'inf' is not a number"},
+        {"b,0.1,0.2,0.3,0.4,0.5x,0.6\n", "field 6: '0.5x' is not a number"},
         {"b,1,2,3,4,5,6\ng,1,2,3,4,5\n", "c.csv' line 2: 5 numbers where the first row has 6"},
         {"b,1,2,3,4\ng,1,2,3,4\n", "the rows of '" + dir.file("c.csv") + "' have 4 numbers, INPUT has 6 bands"},
         {"b,1,2,3,4,5,6,7,8\n", "have 8 numbers, INPUT has 6 bands"},

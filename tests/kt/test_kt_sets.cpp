@@ -57,6 +57,8 @@ const Published kSets[] = {
      {"Brightness", "Greenness", "Wetness", "Fourth", "Fifth", "Sixth"}, "doi:10.1016/0034-4257(85)90102-6"},
 };
 
+void PrintTo(const Published& p, std::ostream* os) { *os << p.sensor; }
+
 const Published& Set(const std::string& sensor)
 {
     for (const Published& p : kSets)
