@@ -20,7 +20,7 @@ const std::vector<KtSet>& Sets()
           -0.3294, 0.0557, 0.1056, 0.1855, -0.4349, 0.8085,
           0.1079, -0.9023, 0.4119, 0.0575, -0.0259, 0.0252},
          {{6, 6, {1, 2, 3, 4, 5, 6}, "B2-B7"},
-          {7, INT_MAX, {2, 3, 4, 5, 6, 7}, "B1 (coastal) first, then B2-B7 and any further bands"}}},
+          {7, INT_MAX, {2, 3, 4, 5, 6, 7}, "B1 coastal, B2-B7, then any others"}}},
         {"s2", "Sentinel-2 MSI Level-1C", "TOA reflectance (0-1)", "B2 B3 B4 B8 B11 B12",
          "Shi, T., Xu, H. (2019). Derivation of tasseled cap transformation coefficients for Sentinel-2 MSI "
          "at-sensor reflectance data. IEEE JSTARS 12(10): 4038-4048. doi:10.1109/JSTARS.2019.2938388",
@@ -39,7 +39,7 @@ const std::vector<KtSet>& Sets()
          {0.4395, 0.5945, 0.2460, 0.3918, 0.3506, 0.2136, 0.2678,
           -0.4064, 0.5129, -0.2744, -0.2893, 0.4882, -0.0036, -0.4169,
           0.1147, 0.2489, 0.2408, 0.3132, -0.3122, -0.6416, -0.5087},
-         {{7, INT_MAX, {1, 2, 3, 4, 5, 6, 7}, "bands 1-7 first, then any further bands"}}},
+         {{7, INT_MAX, {1, 2, 3, 4, 5, 6, 7}, "bands 1-7, then any others"}}},
         {"tm-sr", "Landsat 4, 5 TM (and 7 ETM+)", "surface reflectance (0-1)", "TM1 TM2 TM3 TM4 TM5 TM7",
          "Crist, E.P. (1985). A TM Tasseled Cap equivalent transformation for reflectance factor data. "
          "Remote Sensing of Environment 17(3): 301-306. doi:10.1016/0034-4257(85)90102-6",
@@ -89,6 +89,26 @@ std::string Names(const std::vector<const char*>& names)
     return s;
 }
 
+// Words of `text` in lines of at most 96 columns, each starting with 11 blanks.
+std::string Wrapped(const std::string& text)
+{
+    const std::string indent(11, ' ');
+    std::string out, line;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find(' ', start);
+        end = end == std::string::npos ? text.size() : end;
+        const std::string word = text.substr(start, end - start);
+        if (!line.empty() && indent.size() + line.size() + 1 + word.size() > 96) {
+            out += indent + line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
+        start = end + 1;
+    }
+    return out + indent + line + "\n";
+}
+
 } // namespace
 
 const KtSet* FindKtSet(const std::string& name)
@@ -134,18 +154,19 @@ const char* KtHelp()
             "    etm    Landsat 7 ETM+, TOA reflectance: bands 1-6; Brightness, green, humidity and\n"
             "           the fourth to sixth component\n";
         for (const KtSet& set : Sets()) {
-            s += "    " + std::string(set.name) + std::string(7 - std::string(set.name).size(), ' ') + set.sensor +
-                 ", " + set.quantity + ": " + set.columns + ".\n";
+            const std::string name = set.name;
+            s += "    " + name + std::string(7 - name.size(), ' ') + set.sensor + ", " + set.quantity + ":\n" +
+                 Wrapped(std::string(set.columns) + ".");
             for (const KtBandRule& r : set.rules)
-                s += "           " + std::to_string(r.fewest) + (r.most == r.fewest ? "" : " or more") +
-                     " bands (" + r.stack + "): bands " + Numbers(r.bands) + "\n";
-            s += "           Components: " + Names(set.components) + ".\n           " + set.reference + "\n";
+                s += Wrapped(std::to_string(r.fewest) + (r.most == r.fewest ? "" : " or more") + " bands (" + r.stack +
+                             "): bands " + Numbers(r.bands));
+            s += Wrapped("Components: " + Names(set.components) + ".") + Wrapped(set.reference);
         }
         s += "  -coefficients FILE.csv  your own set: one row per component, its name, one coefficient per\n"
              "                band of INPUT in band order, then optionally an additive constant. Blank lines,\n"
              "                lines starting with # and a first line without numbers (a header) are skipped.\n"
              "  -unscale      apply each band's scale and offset from its metadata first, value x scale +\n"
-             "                offset as gdal_translate -unscale does; for the sets above and -coefficients.\n"
+             "                offset as gdal_translate -unscale does; for oli, s2, modis, tm-sr, -coefficients.\n"
              "                Without it, a band with a scale or offset is used as stored, with a warning.\n"
              "  tm, mss and etm are the plug-in's built-in sets: their output origin lies half a pixel in\n"
              "  from the input's. The other sets and -coefficients keep the input's origin.\n";
