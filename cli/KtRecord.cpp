@@ -8,8 +8,8 @@
 #include <gdal_priv.h>
 
 #include <charconv>
-#include <cstdio>
 #include <cmath>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <utility>
@@ -55,7 +55,7 @@ std::string Unquoted(const std::string& s)
     return s.size() >= 2 && s.front() == '"' && s.back() == '"' ? s.substr(1, s.size() - 2) : s;
 }
 
-// One data row into the set; the problem on line `n`, or empty.
+// One data row into the set; the problem, said at `where`, or empty.
 std::string TakeRow(const std::vector<std::string>& fields, const std::string& where, KtUserSet& set)
 {
     const std::string name = Unquoted(fields[0]);
@@ -164,6 +164,9 @@ std::string ReadKtCoefficients(const std::string& path, KtUserSet& set)
     std::string line;
     bool first = true;
     for (int n = 1; std::getline(file, line); ++n) {
+        // Spreadsheets often begin their CSV files with a byte order mark.
+        if (n == 1 && line.rfind("\xEF\xBB\xBF", 0) == 0)
+            line.erase(0, 3);
         line = Trimmed(line);
         if (line.empty() || line[0] == '#')
             continue;

@@ -79,7 +79,7 @@ TEST(CoefficientFile, MalformedFilesAreRefusedWithTheirMessageAndNothingWritten)
 }
 
 // A header, comments, quoted names, spaces and a constant column; the names become band names and
-// the file is recorded. The OLI rows give exactly what -sensor oli gives: the same kernel.
+// the file is recorded. The OLI rows, after a byte order mark, give exactly what -sensor oli gives.
 TEST(CoefficientFile, UsersSetWithConstantsIsTheDirectProductPlusTheConstant)
 {
     TempDir dir;
@@ -108,8 +108,9 @@ TEST(CoefficientFile, UsersSetWithConstantsIsTheDirectProductPlusTheConstant)
     EXPECT_EQ(std::string(ds->GetMetadataItem("OPTIONS", "TAVTRANSFORM")), "-coefficients " + csv + " -of GTiff");
 
     tavtest::WriteRaster(in, tavtest::Shape(11, 3, 6, GDT_UInt16), fn);
-    tavtest::WriteText(csv, kOliRows);
+    tavtest::WriteText(csv, std::string("\xEF\xBB\xBF") + kOliRows); // a spreadsheet's byte order mark
     ASSERT_EQ(Kt(dir, "-q -coefficients " + csv + " " + in + " " + dir.file("u.tif")).status, 0);
+    EXPECT_EQ(tavtest::Info(dir.file("u.tif")).descriptions, (std::vector<std::string>{"Brightness", "Greenness", "Wetness"}));
     ASSERT_EQ(Kt(dir, "-q -sensor oli " + in + " " + dir.file("p.tif")).status, 0);
     for (int k = 1; k <= 3; ++k)
         EXPECT_EQ(tavtest::ReadBand(dir.file("u.tif"), k), tavtest::ReadBand(dir.file("p.tif"), k)) << k;
