@@ -187,6 +187,15 @@ TEST(PublishedBandChoice, LongerStacksUseTheDocumentedBands)
     }
 }
 
+void SetScales(const std::string& path, double scale, double offset)
+{
+    std::unique_ptr<GDALDataset> ds(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER | GDAL_OF_UPDATE));
+    for (int b = 1; b <= ds->GetRasterCount(); ++b) {
+        ds->GetRasterBand(b)->SetScale(scale);
+        ds->GetRasterBand(b)->SetOffset(offset);
+    }
+}
+
 // Collection 2 style: UInt16 values with scale 0.0000275 and offset -0.2. -unscale gives what the
 // reflectance itself gives; without it the stored values are used and a warning names each band.
 TEST(Unscale, ScaledIntegersGiveTheComponentsOfTheirReflectance)
@@ -196,13 +205,7 @@ TEST(Unscale, ScaledIntegersGiveTheComponentsOfTheirReflectance)
     const std::string stored = dir.file("dn.tif"), reflectance = dir.file("r.tif");
     const tavtest::PixelFn dn = tavtest::RandomPixels({GDT_UInt16, 7273, 43636}, 5);
     tavtest::WriteRaster(stored, tavtest::Shape(9, 5, 6, GDT_UInt16), dn);
-    {
-        std::unique_ptr<GDALDataset> ds(GDALDataset::Open(stored.c_str(), GDAL_OF_RASTER | GDAL_OF_UPDATE));
-        for (int b = 1; b <= 6; ++b) {
-            ds->GetRasterBand(b)->SetScale(scale);
-            ds->GetRasterBand(b)->SetOffset(offset);
-        }
-    }
+    SetScales(stored, scale, offset);
     tavtest::WriteRaster(reflectance, tavtest::Shape(9, 5, 6, GDT_Float32),
                          [&](int b, int x, int y) { return static_cast<float>(dn(b, x, y) * scale + offset); });
     ASSERT_EQ(Cli("kt -q -sensor oli -unscale " + stored + " " + dir.file("u.tif")), 0);
@@ -222,6 +225,33 @@ TEST(Unscale, ScaledIntegersGiveTheComponentsOfTheirReflectance)
     ExpectComponents({stored, dn, 9, 5}, dir.file("s.tif"), Set("oli").m, Range(1, 6));
     EXPECT_EQ(Cli("kt -q -sensor etm -unscale " + stored + " " + dir.file("e.tif")), 2) << "the built-in sets read stored values";
     EXPECT_FALSE(tavtest::Exists(dir.file("e.tif")));
+}
+
+// Collection 2 fill: a pixel that is no-data (0) in any band is NaN in every component, which is the
+// outputs' no-data value; the other pixels are the components of their reflectance.
+TEST(Unscale, NoDataPixelsStayNoData)
+{
+    TempDir dir;
+    tavtest::RasterShape shape = tavtest::Shape(6, 2, 6, GDT_UInt16);
+    shape.noData.assign(6, 0);
+    const tavtest::PixelFn dn = [](int b, int x, int y) { return x == 0 || (x == 1 && b == 2) ? 0 : 9000 + 1000 * b + x + y; };
+    tavtest::WriteRaster(dir.file("fill.tif"), shape, dn);
+    SetScales(dir.file("fill.tif"), 0.0000275, -0.2);
+    ASSERT_EQ(Cli("kt -q -sensor oli -unscale " + dir.file("fill.tif") + " " + dir.file("o.tif")), 0);
+    const auto info = tavtest::Info(dir.file("o.tif"));
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_TRUE(info.noData[k].first && std::isnan(info.noData[k].second)) << k;
+        const auto band = tavtest::ReadBand(dir.file("o.tif"), k + 1);
+        for (int i = 0; i < 12; ++i) {
+            std::vector<double> px;
+            for (int b = 0; b < 6; ++b)
+                px.push_back(static_cast<float>(dn(b, i % 6, i / 6) * 0.0000275 - 0.2));
+            if (i % 6 < 2)
+                EXPECT_TRUE(std::isnan(band[i])) << k << " " << i;
+            else
+                EXPECT_NEAR(band[i], Reference(Set("oli").m, {}, k, px), Tolerance(px)) << k << " " << i;
+        }
+    }
 }
 
 // ---- the record's own branch ----
