@@ -58,6 +58,11 @@ const std::vector<KtSet>& Sets()
 
 std::string Counts(const KtSet& set)
 {
+    bool contiguous = set.rules.back().most == INT_MAX;
+    for (std::size_t i = 1; i < set.rules.size(); ++i)
+        contiguous = contiguous && set.rules[i].fewest == set.rules[i - 1].most + 1;
+    if (contiguous)
+        return std::to_string(set.rules[0].fewest) + " or more";
     std::string s;
     for (std::size_t i = 0; i < set.rules.size(); ++i) {
         const KtBandRule& r = set.rules[i];

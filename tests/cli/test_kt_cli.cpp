@@ -68,6 +68,7 @@ TEST(CoefficientFile, MalformedFilesAreRefusedWithTheirMessageAndNothingWritten)
         {"-sensor oli -coefficients " + dir.file("c.csv") + " " + in + " " + out, "exclude each other"},
         {"-sensor etm -coefficients " + dir.file("c.csv") + " " + in + " " + out, "exclude each other"},
         {"-coefficients " + dir.file("c.csv") + " " + in + " " + dir.file("c.csv"), "same file as the coefficient file"},
+        {"-sensor modis " + in + " " + out, "-sensor modis takes a stack of 7 or more bands (see 'tavtransform kt --help'); INPUT has 6"},
     };
     for (const auto& c : misuse) {
         const Result r = Kt(dir, "-q " + c.args);
