@@ -2,6 +2,8 @@
 
 #include "Quicklook.h"
 
+#include "frame/stTasseledCapInfo.h"
+
 #include <cpl_error.h>
 #include <gdal_priv.h>
 
@@ -34,6 +36,11 @@ RecordFields Fields(const Request& req)
                 f.options += (f.options.empty() ? "-b " : " -b ") + std::to_string(b);
         else if (req.command == "fft-inverse")
             f.options = std::string("-ot ") + PixelTypeNameAt(t->nOutDataType);
+    } else if (const auto* k = boost::any_cast<stTasseledCapInfo>(&req.record)) {
+        f = Files(k->trans);
+        f.options = k->strSensor.isEmpty() ? "-coefficients " + S(k->strCoefficientFile) : "-sensor " + S(k->strSensor);
+        if (!k->vecScale.empty())
+            f.options += " -unscale";
     } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&req.record)) {
         f = Files(*p);
         f.options = std::string("-ot ") + PixelTypeNameAt(p->nOutDataType);
@@ -96,6 +103,9 @@ std::vector<std::pair<std::string, std::string>> RunMetadata(const Request& req)
         {"COMMAND", req.command}, {"OPTIONS", f.options}, {"INPUT", f.input}};
     if (!f.stats.empty())
         items.emplace_back("STATISTICS", f.stats);
+    // Where a set the host brought comes from: its publication, or the user's file.
+    if (const auto* k = boost::any_cast<stTasseledCapInfo>(&req.record))
+        items.emplace_back("COEFFICIENTS", S(k->strReference.isEmpty() ? k->strCoefficientFile : k->strReference));
     items.emplace_back("VERSION", std::string("tavtransform ") + TAV_VERSION);
     return items;
 }

@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include "KtSets.h"
 #include "Quicklook.h"
 
 #include <strings.h>
@@ -19,13 +20,9 @@ struct CommandInfo {
 const std::map<std::string, CommandInfo>& Commands()
 {
     static const std::map<std::string, CommandInfo> commands = {
-        {"kt", {"Tasseled Cap components (Float32)", "kt [-sensor tm|mss|etm] INPUT OUTPUT",
-                "  -sensor tm   Landsat TM digital numbers: bands 1-5 and 6 (band 7 for a 7-band scene),\n"
-                "               3 components (Brightness, green, humidity); the default\n"
-                "  -sensor mss  Landsat MSS: bands 1-4, 4 components\n"
-                "  -sensor etm  Landsat ETM+ at-satellite reflectance: bands 1-6, 6 components\n"
-                "  The output origin lies half a pixel in from the input's.\n",
-                {"-sensor"}}},
+        {"kt", {"Tasseled Cap components (Float32)",
+                "kt [-sensor tm|mss|etm|oli|s2|modis|tm-sr | -coefficients FILE.csv] [-unscale] INPUT OUTPUT",
+                KtHelp(), {"-sensor", "-coefficients", "-unscale"}}},
         {"fft", {"centred Fourier spectrum, a real and an imaginary Float32 band per band",
                  "fft [-b N]... INPUT OUTPUT",
                  "  -b N   band to transform (1-based), repeatable; default every band in order\n"
@@ -133,8 +130,13 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
     };
     std::string v;
     if (a == "-sensor") {
-        if (!value(o.sensor) || SensorCode(o.sensor) < 0)
-            return "option -sensor takes tm, mss or etm";
+        if (!value(o.sensor) || (SensorCode(o.sensor) < 0 && !FindKtSet(o.sensor)))
+            return "option -sensor takes tm, mss, etm, oli, s2, modis or tm-sr";
+    } else if (a == "-coefficients") {
+        if (!value(o.coefficients) || o.coefficients.empty())
+            return "option -coefficients needs a CSV file name";
+    } else if (a == "-unscale") {
+        o.unscale = true;
     } else if (a == "-b") {
         int b = 0;
         if (!value(v) || !ParseInt(v, b) || b < 1)

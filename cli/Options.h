@@ -10,6 +10,8 @@ struct Options {
     std::string format = "GTiff";
     std::string stats;
     std::string sensor = "tm";    // as typed, in any case
+    std::string coefficients; // kt -coefficients FILE.csv: the user's own set
+    bool unscale = false;     // kt -unscale: each band's scale and offset applied first
     std::string outType = "Float32";
     std::vector<int> bands;   // -b, 1-based, in the order given
     int components = 0;       // -n, 0 = every band

@@ -1,6 +1,6 @@
 #include "Records.h"
 
-#include <array>
+#include "KtRecord.h"
 
 namespace {
 
@@ -80,6 +80,9 @@ ParseResult BuildRecord(Options o)
         o.request.record = r;
     } else {
         o.request.record = TransRecord(o);
+        if (o.command == "kt")
+            if (ParseResult bad = KtRequest(o); bad.kind != ParseResult::Run)
+                return bad;
     }
     ParseResult result;
     result.kind = ParseResult::Run;
@@ -93,7 +96,7 @@ PlannedOutput PlanOutput(const Options& o, int inputBands)
     const auto chosenType = static_cast<PixelDataType>(PixelTypeIndex(o.outType) + 1);
     const std::string& c = o.command;
     if (c == "kt")
-        return {std::array{3, 4, 6}[SensorCode(o.sensor)], PDT_Float32};
+        return {KtOutputBands(o), PDT_Float32};
     if (c == "fft")
         return {2 * static_cast<int>(o.bands.empty() ? inputBands : o.bands.size()), PDT_Float32};
     if (c == "fft-inverse")

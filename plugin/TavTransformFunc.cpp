@@ -1,6 +1,7 @@
 #include "TavTransformFunc.h"
 #include "frame/PCARecords.h"
 #include "frame/RunSteps.h"
+#include "frame/stTasseledCapInfo.h"
 #include "frame/stTransInfo.h"
 
 #include "fft/FftTransform.h"
@@ -55,6 +56,8 @@ bool TavTransformFunc::Execute()
         return ExecuteForwardPCA();
     if (m_params.type() == typeid(stInversePCAInfo))
         return ExecuteInversePCA();
+    if (m_params.type() == typeid(stTasseledCapInfo))
+        return ExecuteTasseledCapSet();
     return ExecuteTransInfo();
 }
 
@@ -177,6 +180,29 @@ bool TavTransformFunc::RunTasseledCap(const stTransInfo& info)
         if (CancelRequested())
             RemoveFile(info.strOutputFile);
     }
+    return ok;
+}
+
+// A set the host brings: a fresh error state, and what a failed or cancelled run created is removed.
+bool TavTransformFunc::ExecuteTasseledCapSet()
+{
+    const stTasseledCapInfo info = boost::any_cast<stTasseledCapInfo>(m_params);
+    m_nErrorCode = 0;
+    m_strErrorText.clear();
+    Report(0);
+    KTTransformFunc worker(m_context);
+    bool created = false;
+    const bool ok = worker.RunSet(info, created);
+    if (!ok) {
+        if (m_nErrorCode == 0)
+            m_nErrorCode = 1;
+        if (CancelRequested())
+            m_nErrorCode = kCancelled;
+        m_strErrorText = worker.ErrorText();
+        if (created)
+            RemoveFile(info.trans.strOutputFile);
+    }
+    Report(100);
     return ok;
 }
 

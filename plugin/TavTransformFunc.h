@@ -31,6 +31,7 @@ private:
     bool ExecuteTransInfo();
     bool ExecuteForwardPCA();
     bool ExecuteInversePCA();
+    bool ExecuteTasseledCapSet();
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
     bool RunMnf(const stTransInfo& info);

@@ -97,6 +97,8 @@ py::object Execute(const Request& req, const py::object& progress)
     signal.connect([&bridge](double p, const QString& m, void*) { return bridge(p, m); });
     algo->SetProgressSignal(&signal);
     algo->SetParams(req.record);
+    if (!req.warning.empty() && PyErr_WarnEx(PyExc_UserWarning, req.warning.c_str(), 1) != 0)
+        throw py::error_already_set();
     bool ok = false;
     {
         py::gil_scoped_release release;
@@ -222,6 +224,40 @@ py::array ReadArray(const std::string& path, bool squeeze)
     return out;
 }
 
+// An array has no metadata: unscale=(scale, offset), or one such pair per band, stands in for the
+// bands' own, and becomes -unscale. The options to run with.
+py::kwargs WithArrayScales(const std::string& path, const py::kwargs& options)
+{
+    py::kwargs copy = py::reinterpret_steal<py::kwargs>(PyDict_Copy(options.ptr()));
+    if (!copy.contains("unscale") || copy["unscale"].is_none() ||
+        (py::isinstance<py::bool_>(copy["unscale"]) && !copy["unscale"].cast<bool>()))
+        return copy;
+    const char* usage = "unscale= takes (scale, offset) for every band, or a list of one such pair per band";
+    if (py::isinstance<py::bool_>(copy["unscale"]))
+        throw py::value_error(std::string("an array has no scale or offset of its own: ") + usage);
+    std::vector<std::pair<double, double>> pairs;
+    try {
+        const py::sequence value = copy["unscale"];
+        if (py::len(value) == 2 && !py::isinstance<py::sequence>(value[0]))
+            pairs.emplace_back(value[0].cast<double>(), value[1].cast<double>());
+        else
+            for (const auto& pair : value)
+                pairs.push_back(pair.cast<std::pair<double, double>>());
+    } catch (const py::cast_error&) {
+        throw py::value_error(usage);
+    }
+    std::unique_ptr<GDALDataset> ds(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER | GDAL_OF_UPDATE));
+    if (!ds || (pairs.size() != 1 && pairs.size() != static_cast<size_t>(ds->GetRasterCount())))
+        throw py::value_error(usage);
+    for (int b = 1; b <= ds->GetRasterCount(); ++b) {
+        const auto& [scale, offset] = pairs[pairs.size() == 1 ? 0 : b - 1];
+        ds->GetRasterBand(b)->SetScale(scale);
+        ds->GetRasterBand(b)->SetOffset(offset);
+    }
+    copy["unscale"] = true;
+    return copy;
+}
+
 // One run on an array: input and output live in a private /vsimem folder, removed on every path.
 py::array RunOnArray(const std::string& command, const py::array& array, const py::kwargs& options)
 {
@@ -236,7 +272,7 @@ py::array RunOnArray(const std::string& command, const py::array& array, const p
     WriteArray(dir + "/in.tif", array);
     Options o;
     // The files are ours and GDAL's alone, so the checks that protect a user's files are not needed.
-    std::vector<std::string> args = Words(command, options);
+    std::vector<std::string> args = Words(command, WithArrayScales(dir + "/in.tif", options));
     args.insert(args.end(), {dir + "/in.tif", dir + "/out.tif"});
     Checked(ParseOptions(args, o));
     o.inputBands = array.ndim() == 3 ? static_cast<int>(array.shape(0)) : 1;
@@ -264,7 +300,10 @@ PYBIND11_MODULE(tavtransform, m)
         m.def(name, [command](const py::array& a, const py::kwargs& options) { return RunOnArray(command, a, options); },
               py::arg("array"), doc);
     };
-    helper("kt", "kt", "kt(array, sensor='tm'): Tasseled Cap components of a (bands, rows, cols) array.");
+    helper("kt", "kt",
+           "kt(array, sensor='tm', coefficients=None, unscale=None): Tasseled Cap components of a (bands, rows, cols)\n"
+           "array. sensor: tm, mss, etm, oli, s2, modis, tm-sr; coefficients: a CSV file of your own set;\n"
+           "unscale=(scale, offset), or one pair per band: the stored values are value x scale + offset.");
     helper("fft", "fft", "fft(array, b=None): centred spectrum, a real and an imaginary band per band.");
     helper("fft_inverse", "fft-inverse", "fft_inverse(array, ot='Float32'): bands from real/imaginary pairs.");
     helper("dwt", "dwt", "dwt(array): one-level wavelet quadrants of every band.");

@@ -68,3 +68,31 @@ class Runs(unittest.TestCase):
             self.assertEqual(getattr(caught.exception, "code", None), code)
             self.assertIn(text, getattr(caught.exception, "text", ""))
             self.assertEqual(sorted(os.listdir(self.tmp)), ["scene.tif"])
+
+    def test_kt_sets_coefficients_and_unscale(self):
+        oli = np.array([[0.3029, 0.2786, 0.4733, 0.5599, 0.5080, 0.1872], [-0.2941, -0.2430, -0.5424, 0.7276, 0.0713, -0.1608],
+                        [0.1511, 0.1973, 0.3283, 0.3407, -0.7117, -0.4559], [-0.8239, 0.0849, 0.4396, -0.0580, 0.2013, -0.2773],
+                        [-0.3294, 0.0557, 0.1056, 0.1855, -0.4349, 0.8085], [0.1079, -0.9023, 0.4119, 0.0575, -0.0259, 0.0252]])
+        dn = np.random.default_rng(7).integers(7273, 43636, (6, 5, 9)).astype(np.uint16)
+        reflectance = (dn * 0.0000275 - 0.2).astype(np.float32)
+        components = tavtransform.kt(reflectance, sensor="OLI")
+        np.testing.assert_allclose(components, np.einsum("kj,jyx->kyx", oli, reflectance.astype(float)), atol=2e-6)
+        np.testing.assert_array_equal(tavtransform.kt(dn, sensor="oli", unscale=(0.0000275, -0.2)), components)
+        with open(self.path("oli.csv"), "w") as f:
+            f.writelines("TC%d,%s\n" % (k + 1, ",".join(str(w) for w in row)) for k, row in enumerate(oli))
+        np.testing.assert_array_equal(tavtransform.kt(reflectance, coefficients=self.path("oli.csv")), components)
+        # A file with a scale and offset: -unscale through run(), a warning without it.
+        ds = gdal.GetDriverByName("GTiff").Create(self.path("dn.tif"), 9, 5, 6, gdal.GDT_UInt16)
+        for b in range(6):
+            ds.GetRasterBand(b + 1).WriteArray(dn[b])
+            ds.GetRasterBand(b + 1).SetScale(0.0000275)
+            ds.GetRasterBand(b + 1).SetOffset(-0.2)
+        ds = None
+        tavtransform.run("kt", self.path("dn.tif"), self.path("u.tif"), sensor="oli", unscale=True)
+        np.testing.assert_array_equal(read(self.path("u.tif"))[0], components)
+        self.assertEqual(read(self.path("u.tif"))[1], ["Brightness", "Greenness", "Wetness", "TCT4", "TCT5", "TCT6"])
+        with self.assertWarnsRegex(UserWarning, "INPUT band 1 has scale 2.75e-05 and offset -0.2"):
+            tavtransform.run("kt", self.path("dn.tif"), self.path("s.tif"), sensor="oli")
+        for bad in [{"unscale": True}, {"unscale": (1, 2, 3)}, {"unscale": [(1, 0)] * 5}]:
+            with self.subTest(bad), self.assertRaises(ValueError):
+                tavtransform.kt(dn, sensor="oli", **bad)
