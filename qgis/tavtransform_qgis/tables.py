@@ -15,6 +15,10 @@ SENSORS = (
     ("tm", "Landsat TM digital numbers (bands 1-5, and 6 or in a 7-band scene 7): 3 components"),
     ("mss", "Landsat MSS (bands 1-4): 4 components"),
     ("etm", "Landsat ETM+ at-satellite reflectance (bands 1-6): 6 components"),
+    ("oli", "Landsat 8/9 OLI TOA reflectance (bands 2-7; 6-band stacks 1-6): 6 components"),
+    ("s2", "Sentinel-2 MSI TOA reflectance (B2, B3, B4, B8, B11, B12): 3 components"),
+    ("modis", "MODIS reflectance (bands 1-7): 3 components"),
+    ("tm-sr", "Landsat TM surface reflectance (bands 1-5 and 7): 6 components"),
 )
 PIXEL_TYPES = tuple((t, t) for t in ("Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"))
 
@@ -69,6 +73,11 @@ OPTIONS = (
            "the file written by the forward transform"),
     Option("SENSOR", "sensor", "choice", "Sensor", "tm", ("kt",),
            "whose coefficients to use", SENSORS),
+    Option("COEFFICIENTS", "coefficients", "csv_in", "Own coefficients (CSV)", None, ("kt",),
+           "one row per component: its name, one coefficient per band, an optional constant; "
+           "used instead of the sensor's set"),
+    Option("UNSCALE", "unscale", "flag", "Apply the bands' scale and offset", False, ("kt",),
+           "turn stored integers into reflectance with each band's scale and offset first"),
     Option("BANDS", "b", "bands", "Bands to transform", None, ("fft",),
            "in the order given; every band when none is chosen"),
     Option("DATA_TYPE", "ot", "choice", "Output data type", "Float32", ("fft-inverse", "pca", "pca-inverse"),

@@ -90,7 +90,7 @@ class SameFilesAsTheCommandLine(Tmp):
     # (algorithm, Processing parameters, command-line words, input: the scene or a forward run's output).
     # Forward runs write their statistics to one path in both runs, so even the recorded options match.
     CASES = [
-        ("kt", {"SENSOR": 2, "QUICKLOOK": "kt.png"}, ["kt", "-sensor", "etm", "-quicklook", "kt.png"], None),
+        ("kt", {"SENSOR": 3, "QUICKLOOK": "kt.png"}, ["kt", "-sensor", "oli", "-quicklook", "kt.png"], None),
         ("pca", {"STATISTICS": "pca.sta", "COMPONENTS": 4, "CORRELATION": True, "CENTER": True, "DATA_TYPE": 6},
          ["pca", "-stats", "pca.sta", "-n", "4", "-corr", "-center", "-ot", "Float64"], None),
         ("pca_inverse", {"STATISTICS": "cli/pca.sta", "DATA_TYPE": 1},
