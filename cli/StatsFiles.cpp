@@ -110,16 +110,25 @@ std::string BandList(const std::vector<int>& bands)
 
 // Why these statistics give no meaningful rotation (a band holding NaN or Inf, a constant band
 // under correlation), or empty.
-std::string NonFinite(const Stats& s)
+std::string NonFinite(const Stats& s, bool correlation)
 {
     for (int b = 0; b < s.n; ++b)
         if (!std::isfinite(s.means[b]))
             return "band " + std::to_string(b + 1) + " of the scene holds NaN or infinite values, so its "
                    "statistics are not numbers and neither would be the result";
-    for (int b = 0; b < s.n; ++b)
-        if (!s.matrix.empty() && !std::isfinite(s.matrix[size_t(b) * s.n + b]))
-            return "band " + std::to_string(b + 1) + " is constant, so its correlations divide by zero; "
-                   "rotate by the covariance instead (without -corr)";
+    // The band whose row of the decomposed matrix is least finite is the one that spoiled it.
+    int worst = -1, most = 0;
+    for (int b = 0; b < int(s.matrix.size() / std::max(1, s.n)); ++b) {
+        const auto row = s.matrix.begin() + size_t(b) * s.n;
+        const int bad = int(std::count_if(row, row + s.n, [](double x) { return !std::isfinite(x); }));
+        if (bad > most)
+            worst = b, most = bad;
+    }
+    if (worst >= 0 && correlation)
+        return "band " + std::to_string(worst + 1) + " is constant, so its correlations divide by zero; "
+               "rotate by the covariance instead (without -corr)";
+    if (worst >= 0)
+        return "the covariances of band " + std::to_string(worst + 1) + " are too large for double precision";
     if (!AllFinite(s.matrix) || !AllFinite(s.byBand))
         return "the rotation matrix came out with values that are not numbers";
     return {};
@@ -184,23 +193,26 @@ std::vector<int> DependentBands(const std::vector<double>& m, int n)
     }
     if (rank == n)
         return {};
-    // The first free column with weight 1, the pivoted ones solved back: M x = 0.
-    std::vector<long double> x(n, 0.0L);
-    x[rank] = 1.0L;
-    for (int i = rank - 1; i >= 0; --i) {
-        long double sum = at(i, rank);
-        for (int j = i + 1; j < rank; ++j)
-            sum += at(i, j) * x[j];
-        x[i] = -sum / at(i, i);
-    }
-    long double largest = 0;
-    for (long double v : x)
-        largest = std::max(largest, std::fabs(v));
+    // Each free column with weight 1, the pivoted ones solved back, is a null vector: M x = 0.
     std::vector<int> bands;
-    for (int i = 0; i < n; ++i)
-        if (std::fabs(x[i]) > 1e-6L * largest)
-            bands.push_back(col[i] + 1);
+    for (int free = rank; free < n; ++free) {
+        std::vector<long double> x(n, 0.0L);
+        x[free] = 1.0L;
+        for (int i = rank - 1; i >= 0; --i) {
+            long double sum = at(i, free);
+            for (int j = i + 1; j < rank; ++j)
+                sum += at(i, j) * x[j];
+            x[i] = -sum / at(i, i);
+        }
+        long double largest = 0;
+        for (long double v : x)
+            largest = std::max(largest, std::fabs(v));
+        for (int i = 0; i < n; ++i)
+            if (std::fabs(x[i]) > 1e-6L * largest)
+                bands.push_back(col[i] + 1);
+    }
     std::sort(bands.begin(), bands.end());
+    bands.erase(std::unique(bands.begin(), bands.end()), bands.end());
     return bands;
 }
 
@@ -239,7 +251,8 @@ StatsVerdict CheckStatisticsWritten(const Request& req)
     Stats s;
     if (std::string problem = mnf ? ReadMnf(*path, bands, s) : ReadPca(*path, bands, s); !problem.empty())
         return {1, problem, {}};
-    if (std::string problem = NonFinite(s); !problem.empty())
+    const auto* forward = boost::any_cast<stForwardPCAInfo>(&req.record);
+    if (std::string problem = NonFinite(s, forward && !forward->bCovariance); !problem.empty())
         return {1, problem, {}};
     if (std::string singular = Singular(s); !singular.empty())
         return {0, {}, "Warning: " + std::string(mnf ? "mnf-inverse" : "pca-inverse") + " cannot use the statistics file '" +
