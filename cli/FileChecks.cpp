@@ -177,7 +177,9 @@ std::string CopiedTypeProblem(const std::string& format, const PlannedOutput& pl
         return {};
     const char* types = driver->GetMetadataItem(GDAL_DMD_CREATIONDATATYPES);
     const std::string type = PixelTypeName(plan.type).toStdString();
-    if (!types || (" " + std::string(types) + " ").find(" " + type + " ") != std::string::npos)
+    std::string listed = " ";
+    listed.append(types ? types : "").append(" ");
+    if (!types || listed.find(std::string(" ").append(type).append(" ")) != std::string::npos)
         return {};
     return "option -of: " + format + " cannot hold the " + type + " values this command writes (it holds " + types +
            "); choose a format such as GTiff";

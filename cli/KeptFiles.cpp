@@ -17,7 +17,9 @@ bool Present(const std::string& path)
 std::string HiddenName(const std::string& path)
 {
     const fs::path p(path);
-    return (p.parent_path() / ("." + p.filename().string() + ".kept-" + std::to_string(getpid()))).string();
+    std::string name = ".";
+    name.append(p.filename().string()).append(".kept-").append(std::to_string(getpid()));
+    return (p.parent_path() / name).string();
 }
 
 } // namespace
