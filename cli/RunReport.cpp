@@ -22,6 +22,8 @@ std::string DescribeFailure(const Request& req, int code)
     if (code == -1010 || (req.command != "pca" && req.command != "pca-inverse"))
         return DescribeCode(code);
     const bool forward = req.command == "pca";
+    if (req.inputBands == 0)
+        return "the principal component run failed: INPUT could not be opened as a raster";
     return std::string("the principal component ") + (forward ? "rotation" : "inverse rotation") +
            " failed: INPUT could not be read, " +
            (forward ? "the statistics file or OUTPUT could not be written"

@@ -145,9 +145,11 @@ py::object Execute(const Request& req, const py::object& progress)
 // A file name from a str or an os.PathLike; anything else is refused rather than turned into text.
 std::string FileName(const char* what, const py::handle& value)
 {
-    py::object name = py::module_::import("os").attr("fspath")(value);
+    const bool pathLike = py::isinstance<py::str>(value) || py::hasattr(value, "__fspath__");
+    py::object name = pathLike ? py::module_::import("os").attr("fspath")(value) : py::none();
     if (!py::isinstance<py::str>(name))
-        throw py::type_error(std::string(what) + " takes a file name as str or os.PathLike");
+        throw py::type_error(std::string(what) + " takes a file name as str or os.PathLike, not " +
+                             py::str(py::type::of(value).attr("__name__")).cast<std::string>());
     return name.cast<std::string>();
 }
 

@@ -290,7 +290,7 @@ TEST_F(Kept, CancelledRunsAtAnyPollGiveTheUserTheirFilesBack)
                 EXPECT_GT(k, 1) << c.name << " never polled";
                 break;
             }
-            EXPECT_EQ(Differences(before, List(dir)), "") << c.name << " cancelled at poll " << k;
+            ASSERT_EQ(Differences(before, List(dir)), "") << c.name << " cancelled at poll " << k;
         }
 }
 
