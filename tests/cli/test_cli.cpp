@@ -251,20 +251,26 @@ TEST(Help, EveryCommandHasHelpAndPcaSaysWhichBandsItUses)
     EXPECT_EQ(RunCli(dir, {"--version"}).status, 0);
 }
 
-// Ctrl-C, SIGTERM and SIGHUP reach Terminate through the CLI's signal thread; the plug-in
-// removes the output and the status is 128 + the signal.
-TEST(Interrupt, SignalsDuringARunExit128PlusTheSignalAndRemoveTheOutput)
+// Ctrl-C, SIGTERM and SIGHUP reach Terminate through the CLI's signal thread; the status is 128 +
+// the signal, the partial outputs are gone and the statistics file and OUTPUT the user had are back.
+TEST(Interrupt, SignalsDuringARunExit128PlusTheSignalAndGiveTheUsersFilesBack)
 {
     TempDir dir;
-    const std::string in = dir.file("big.tif"), out = dir.file("kt.tif");
+    const std::string in = dir.file("big.tif"), out = dir.file("o.tif"), stats = dir.file("s.sta");
     GDALAllRegister();
     char** opts = CSLSetNameValue(nullptr, "SPARSE_OK", "TRUE");
     GDALClose(GetGDALDriverManager()->GetDriverByName("GTiff")->Create(in.c_str(), 8000, 8000, 6, GDT_Byte, opts));
     CSLDestroy(opts);
-    for (const int sig : {SIGINT, SIGTERM, SIGHUP}) {
+    const struct { int sig; std::string args; } cases[] = {
+        {SIGINT, "kt"}, {SIGTERM, "pca -stats " + Quote(stats)}, {SIGHUP, "mnf -stats " + Quote(stats)},
+        {SIGINT, "pca -stats-only -stats " + Quote(stats)}};
+    for (const auto& [sig, args] : cases) {
+        tavtest::WriteText(stats, "the user's statistics");
+        tavtest::WriteText(out, "the user's result");
+        const bool statsOnly = args.find("-stats-only") != std::string::npos;
         // The shell says its process number and becomes the command line, its stderr into the pipe.
-        std::FILE* pipe = popen(("echo $$; exec " + Quote(TAV_BIN_DIR "/tavtransform") + " kt " + Quote(in) + " " +
-                                 Quote(out) + " 2>&1").c_str(), "r");
+        std::FILE* pipe = popen(("echo $$; exec " + Quote(TAV_BIN_DIR "/tavtransform") + " " + args + " " + Quote(in) +
+                                 (statsOnly ? "" : " " + Quote(out)) + " 2>&1").c_str(), "r");
         ASSERT_TRUE(pipe);
         int pid = 0;
         ASSERT_EQ(std::fscanf(pipe, "%d\n", &pid), 1);
@@ -277,9 +283,11 @@ TEST(Interrupt, SignalsDuringARunExit128PlusTheSignalAndRemoveTheOutput)
             seen += static_cast<char>(c);
         const int status = pclose(pipe);
         ASSERT_TRUE(WIFEXITED(status)) << seen;
-        EXPECT_EQ(WEXITSTATUS(status), 128 + sig) << seen;
-        EXPECT_FALSE(tavtest::Exists(out));
+        EXPECT_EQ(WEXITSTATUS(status), 128 + sig) << args << seen;
+        EXPECT_EQ(ReadFile(out), "the user's result") << args;
+        EXPECT_EQ(ReadFile(stats), "the user's statistics") << args;
         EXPECT_EQ(seen.find("100 - done"), std::string::npos) << "stopped before the end";
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 3) << args << ": nothing left";
     }
 }
 
