@@ -1,6 +1,7 @@
 #include "FileChecks.h"
 #include "Records.h"
 #include "RunFiles.h"
+#include "ValueChecks.h"
 
 #include "OrvDataSource/DatasetFactory.h"
 #include "wavelet/WaveletPaths.h"
@@ -268,6 +269,8 @@ std::string CheckFiles(Options& o)
         if (input.opened && b > input.bands)
             return "option -b: INPUT has only " + std::to_string(input.bands) + " bands, not " + std::to_string(b);
     if (std::string problem = FormatProblem(o, input.bands); !problem.empty())
+        return problem;
+    if (std::string problem = o.command == "fft" ? SpectrumProblem(o.input, o.bands) : ""; !problem.empty())
         return problem;
     NoteGuardedFiles(o);
     return {};

@@ -7,6 +7,7 @@
 #include "Records.h"
 #include "RunReport.h"
 #include "StatsFiles.h"
+#include "ValueChecks.h"
 #include "FileChecks.h"
 #include "KeptFiles.h"
 
@@ -290,6 +291,8 @@ py::array RunOnArray(const std::string& command, const py::array& array, const p
     Checked(ParseOptions(args, o));
     o.inputBands = array.ndim() == 3 ? static_cast<int>(array.shape(0)) : 1;
     if (const std::string problem = FormatProblem(o, o.inputBands); !problem.empty())
+        throw py::value_error(problem);
+    if (const std::string problem = command == "fft" ? SpectrumProblem(o.input, o.bands) : ""; !problem.empty())
         throw py::value_error(problem);
     Execute(Checked(BuildRecord(std::move(o))).request, py::none());
     return ReadArray(dir + "/out.tif", array.ndim() == 2);

@@ -95,6 +95,7 @@ protected:
         const auto ramp = [](int b, int x, int y) { return (b + 1) * 20.0 + x * (b + 2) + y * y % (7 + b); };
         WriteRaster(d.file("in.tif"), Shape(40, 30, 6, GDT_Byte), ramp);
         WriteRaster(d.file("f.tif"), Shape(40, 30, 4, GDT_Float32), ramp);
+        WriteRaster(d.file("huge.tif"), Shape(9, 7, 1, GDT_Float32), [](int, int x, int) { return x == 3 ? -1e38 : 1e38; });
         for (const auto& [name, band, value] : {std::tuple{"nan.tif", 1, NAN}, {"inf.tif", 2, INFINITY}, {"const.tif", 2, 7.0}})
             WriteRaster(d.file(name), Shape(40, 30, 4, GDT_Float32), [&, band = band, value = value](int b, int x, int y) {
                 return b == band && (std::strcmp(name, "const.tif") == 0 || (x == 5 && y == 5)) ? value : ramp(b, x, y);
@@ -164,6 +165,8 @@ TEST_F(Kept, RefusedAndFailedRunsLeaveEveryFileAsItWas)
         {{"mnf-inverse", "-stats", "mc.sta", "mc.tif", "o.tif"}, 1, "band 3 carries nothing the others do not"},
         {{"pca-inverse", "-stats", "p4.sta", "pc.tif", "o.tif"}, 2, "describes 4 bands, but INPUT has 6"},
         {{"kt", "-of", "PNG", "in.tif", "o.png"}, 2, "PNG cannot hold the Float32 values"},
+        {{"fft", "huge.tif", "o.tif"}, 2, "INPUT band 1 holds values up to 1e+38; the single-precision spectrum"},
+        {{"fft", "-b", "1", "-b", "2", "nan.tif", "o.tif"}, 2, "INPUT band 2 holds NaN or infinite values"},
         // Smaller points.
         {{"fft", "in.tif", ""}, 2, "OUTPUT is an empty file name"},
         {{"pca", "-stats", "a.sta", "-stats", "b.sta", "in.tif", "o.tif"}, 2, "option -stats is given twice"},
