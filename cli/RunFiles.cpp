@@ -84,10 +84,16 @@ std::vector<std::string> RasterSideFiles(const std::string& path)
                                                                             OrvDataSource::OM_Read);
     if (!ds)
         return files;
+    // Only files named after it: a VRT lists its sources too, which are not its to replace.
+    const fs::path self = fs::absolute(path);
+    const std::string stem = fs::path(Stem(self.string())).filename().string();
     std::error_code ec;
-    for (const QString& f : ds->GetFileList())
-        if (const std::string file = f.toStdString(); !fs::equivalent(file, path, ec))
-            files.push_back(file);
+    for (const QString& f : ds->GetFileList()) {
+        const fs::path file = fs::absolute(f.toStdString());
+        if (!fs::equivalent(file, self, ec) && file.parent_path() == self.parent_path() &&
+            file.filename().string().rfind(stem, 0) == 0)
+            files.push_back(file.string());
+    }
     return files;
 }
 

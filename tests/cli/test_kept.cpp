@@ -136,6 +136,7 @@ TEST_F(Kept, RefusedAndFailedRunsLeaveEveryFileAsItWas)
         {{"mnf", "-of", "PDF", "-stats", "s.sta", "in.tif", "o.tif"}, 1, "OutFile Creat Fail!"},
         {{"mnf", "-stats", "s.sta", "in.tif", "ro/o.tif"}, 2, "ro' of OUTPUT is not writable"},
         {{"mnf", "-stats", "s.sta", "trunc.tif", "o.tif"}, 1, "TIFFReadEncodedStrip() failed"},
+        {{"mnf", "-of", "ENVI", "-stats", "s.sta", "trunc.tif", "old.img"}, 1, "TIFFReadEncodedStrip() failed"},
         // Statistics that could not be written, or are not the user's to replace.
         {{"mnf", "-stats", "ro/m.sta", "in.tif", "o.tif"}, 2, "ro' of the statistics file is not writable"},
         {{"pca", "-stats", "old.sta", "in.tif", "o.tif"}, 2, "old.sta' is write-protected or not yours"},
