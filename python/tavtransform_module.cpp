@@ -316,7 +316,8 @@ PYBIND11_MODULE(tavtransform, m)
           "Options are the command line's without the dash (sensor='etm', b=[1, 4], ot='Int16', corr=True).\n"
           "Returns the output path, or for pca with stats_only=True the eigenvalue table as\n"
           "(component, eigenvalue, percent, cumulative percent) tuples. Raises tavtransform.Error\n"
-          "(.code, .text) when the run fails; progress(percent, message) returning False cancels.");
+          "(.code, .text) when the run fails; progress(percent, message) returning False cancels and raises\n"
+          "tavtransform.Cancelled, a subclass of Error. Files the run may write are kept and put back on failure.");
     auto helper = [&m](const char* name, const char* command, const char* doc) {
         m.def(name, [command](const py::array& a, const py::kwargs& options) { return RunOnArray(command, a, options); },
               py::arg("array"), doc);
