@@ -57,8 +57,9 @@ std::string KeptFiles::Keep(const std::vector<GuardedFile>& files)
     return {};
 }
 
-void KeptFiles::Restore()
+std::vector<std::string> KeptFiles::Restore()
 {
+    std::vector<std::string> putBack;
     std::error_code ec;
     for (const Entry& e : m_entries) {
         if (e.file.readByRun && !e.keep.empty() && fs::equivalent(e.file.path, e.keep, ec)) {
@@ -67,11 +68,14 @@ void KeptFiles::Restore()
         }
         if (Present(e.file.path))
             fs::remove(e.file.path, ec);
-        if (!e.keep.empty())
+        if (!e.keep.empty()) {
             fs::rename(e.keep, e.file.path, ec);
+            putBack.push_back(e.file.path);
+        }
     }
     m_entries.clear();
     m_open = false;
+    return putBack;
 }
 
 void KeptFiles::Commit()

@@ -24,8 +24,9 @@ public:
     // Keeps each file that exists; the reason none is kept when one cannot be (nothing is then
     // moved), empty on success.
     std::string Keep(const std::vector<GuardedFile>& files);
-    // The run failed: every name as it was before the run.
-    void Restore();
+    // The run failed: every name as it was before the run. The files of the user's put back where
+    // the run had replaced or removed them.
+    std::vector<std::string> Restore();
     // The run succeeded: the files it replaced are its own now.
     void Commit();
 

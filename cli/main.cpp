@@ -176,24 +176,29 @@ int Run(const Request& req)
         progress.Finish();
     }
     // The plug-in stays loaded: GDAL may still hold objects it made until exit. Every way out
-    // but success puts the user's files back as they were (the kept files' destructor).
+    // but success puts the user's files back as they were.
+    int status = kOk;
     if (stoppedBy) {
         std::fprintf(stderr, "Interrupted; the partial output was removed.\n");
-        return kSignalBase + stoppedBy;
-    }
-    if (hostFailed) {
+        status = kSignalBase + stoppedBy;
+    } else if (hostFailed) {
         ReportHostFailure(req);
-        return kFailed;
+        status = kFailed;
+    } else if (!ok) {
+        status = ReportPluginFailure(*algo, req);
+    } else if (const StatsVerdict after = CheckStatisticsWritten(req); after.status != kOk) {
+        status = Refuse(req, kFailed, after.message);
+    } else {
+        if (!after.warning.empty())
+            std::fprintf(stderr, "%s\n", after.warning.c_str());
+        if (const std::string problem = FinishOutput(req); !problem.empty())
+            status = Refuse(req, kFailed, problem);
     }
-    if (!ok)
-        return ReportPluginFailure(*algo, req);
-    const StatsVerdict after = CheckStatisticsWritten(req);
-    if (after.status != kOk)
-        return Refuse(req, kFailed, after.message);
-    if (!after.warning.empty())
-        std::fprintf(stderr, "%s\n", after.warning.c_str());
-    if (const std::string problem = FinishOutput(req); !problem.empty())
-        return Refuse(req, kFailed, problem);
+    if (status != kOk) {
+        for (const std::string& path : kept.Restore())
+            std::fprintf(stderr, "Put back your earlier %s.\n", path.c_str());
+        return status;
+    }
     kept.Commit();
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
