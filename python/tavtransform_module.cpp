@@ -151,7 +151,12 @@ std::string FileName(const char* what, const py::handle& value)
     if (!py::isinstance<py::str>(name))
         throw py::type_error(std::string(what) + " takes a file name as str or os.PathLike, not " +
                              py::str(py::type::of(value).attr("__name__")).cast<std::string>());
-    return name.cast<std::string>();
+    try {
+        return name.cast<std::string>();
+    } catch (const py::cast_error&) { // a name os.fsdecode made from bytes that are not UTF-8
+        throw py::value_error(std::string(what) + " " + py::repr(name).cast<std::string>() +
+                              " is not valid UTF-8; the transforms take file names as Unicode text");
+    }
 }
 
 // Keyword options as command-line words: of="ENVI" -> -of ENVI, b=[1, 4] -> -b 1 -b 4, corr=True -> -corr.

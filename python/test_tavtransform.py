@@ -93,6 +93,7 @@ class Runs(unittest.TestCase):
             ({"stats": stats, "of": "PNG"}, ValueError, "PNG cannot hold the Float32 values"),
             ({"stats": stats, "stats_only": 1, "quicklook": self.path("q.png")}, ValueError, "-stats-only writes none"),
             ({"stats": stats, "corr": "yes", "center": 0, "quicklook": self.path("no/q.png")}, ValueError, "does not exist"),
+            ({"stats": os.fsdecode(b"s\xff.sta")}, ValueError, "is not valid UTF-8"),
         ]
         for options, raised, message in cases:
             with self.subTest(options), self.assertRaises(raised) as caught:
