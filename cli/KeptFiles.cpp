@@ -13,13 +13,17 @@ bool Present(const std::string& path)
     return fs::exists(fs::symlink_status(path, ec));
 }
 
-// ".NAME.kept-PID" beside the file: same file system, so a rename puts it back unchanged.
+// ".NAME.kept-PID" beside the file (same file system, so a rename puts it back unchanged), with
+// a count after it should that name be taken already.
 std::string HiddenName(const std::string& path)
 {
     const fs::path p(path);
     std::string name = ".";
     name.append(p.filename().string()).append(".kept-").append(std::to_string(getpid()));
-    return (p.parent_path() / name).string();
+    std::string hidden = (p.parent_path() / name).string();
+    for (int n = 1; Present(hidden); ++n)
+        hidden = (p.parent_path() / name).string() + "-" + std::to_string(n);
+    return hidden;
 }
 
 } // namespace
@@ -39,7 +43,6 @@ std::string KeptFiles::Keep(const std::vector<GuardedFile>& files)
         if (Present(f.path)) {
             e.keep = HiddenName(f.path);
             std::error_code ec;
-            fs::remove(e.keep, ec);
             // A file the run reads stays where it is; a link keeps it should the run remove it.
             if (f.readByRun)
                 fs::create_hard_link(f.path, e.keep, ec);
