@@ -48,8 +48,8 @@ RecordFields Fields(const Request& req)
             f.options += " -n " + std::to_string(p->nComponents);
         if (!p->bCovariance)
             f.options += " -corr";
-        if (p->bSubtractMean)
-            f.options += " -center";
+        if (!p->bSubtractMean)
+            f.options += " -no-center";
         if (req.statsOnly)
             f.options += " -stats-only";
     } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record)) {

@@ -1,4 +1,5 @@
 #pragma once
+#include "KeptFiles.h"
 #include "frame/PCARecords.h"
 #include "frame/stTransInfo.h"
 
@@ -17,6 +18,8 @@ struct Request {
     std::string warning;      // a conversion the output format makes, said before the run
     std::vector<std::string> outputs; // files the run writes, removed when the host sees it fail
     std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
+    std::vector<GuardedFile> guarded; // every file of the user's the run may touch, kept until its end
+    int inputBands = 0;       // INPUT's band count as the file checks found it
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.

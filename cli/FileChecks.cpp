@@ -1,9 +1,14 @@
 #include "FileChecks.h"
 #include "Records.h"
+#include "RunFiles.h"
+#include "ValueChecks.h"
 
 #include "OrvDataSource/DatasetFactory.h"
 #include "wavelet/WaveletPaths.h"
 
+#include <gdal_priv.h>
+
+#include <algorithm>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -68,14 +73,22 @@ std::string CheckWrittenPath(const std::string& role, std::string& path)
     return {};
 }
 
-// The files the run writes and may remove, under the names the messages give them.
-std::vector<std::pair<std::string, std::string*>> WrittenFiles(Options& o)
+// A file the run writes, under the name the messages give it.
+struct Written {
+    std::string role;
+    std::string* path;
+};
+
+// The files the user named that the run writes and may remove.
+std::vector<Written> NamedWrites(Options& o)
 {
-    std::vector<std::pair<std::string, std::string*>> files;
+    std::vector<Written> files;
     if (!o.output.empty())
-        files.emplace_back("OUTPUT", &o.output);
+        files.push_back({"OUTPUT", &o.output});
     if (WritesStatistics(o))
-        files.emplace_back("the statistics file", &o.stats);
+        files.push_back({"the statistics file", &o.stats});
+    if (!o.request.quicklook.empty())
+        files.push_back({"the quicklook", &o.request.quicklook});
     return files;
 }
 
@@ -86,39 +99,108 @@ std::string WaveletTemporary(const Options& o)
     return wavelet ? WaveletTempPath(QString::fromStdString(o.output)).toStdString() : std::string();
 }
 
+// What the run writes beyond the named files: the output driver's side files, the files that
+// replacing an existing OUTPUT deletes with it, the quicklook's own side file, the wavelet temporary.
+struct SideFile {
+    std::string role, path;
+    bool replaced; // part of the user's existing OUTPUT, replaced with it
+};
+
+std::vector<SideFile> SideFiles(const Options& o)
+{
+    std::vector<SideFile> files;
+    if (!o.output.empty()) {
+        for (const std::string& f : RasterSideFiles(o.output))
+            files.push_back({"'" + f + "', part of the existing OUTPUT,", f, true});
+        for (const std::string& f : DriverSideFiles(o.output, o.format, o.input))
+            files.push_back({"the side file '" + f + "' of OUTPUT", f, false});
+    }
+    if (!o.request.quicklook.empty())
+        files.push_back({"the quicklook's side file", o.request.quicklook + ".aux.xml", false});
+    if (std::string temp = WaveletTemporary(o); !temp.empty())
+        files.push_back({"the wavelet temporary", temp, false});
+    // Each once: an existing OUTPUT's .aux.xml is also one its driver writes.
+    std::vector<SideFile> unique;
+    for (SideFile& f : files)
+        if (std::none_of(unique.begin(), unique.end(), [&](const SideFile& u) { return SameFile(u.path, f.path); }))
+            unique.push_back(std::move(f));
+    return unique;
+}
+
+// A file the run reads, and how a message names it.
+struct Read {
+    std::string described, path;
+};
+
+std::vector<Read> Reads(const Options& o, const InputFacts& f)
+{
+    std::vector<Read> reads = {{"INPUT", o.input}};
+    for (const std::string& file : f.files)
+        reads.push_back({"'" + file + "', which INPUT reads", file});
+    if (!o.stats.empty() && !WritesStatistics(o))
+        reads.push_back({"the statistics file the run reads", o.stats});
+    if (!o.coefficients.empty())
+        reads.push_back({"the coefficient file", o.coefficients});
+    return reads;
+}
+
 std::string CheckSameFiles(Options& o, const InputFacts& f)
 {
-    if (!o.output.empty() && SameFile(o.input, o.output))
-        return "OUTPUT is the same file as INPUT; refusing to overwrite it";
-    if (!o.stats.empty() && SameFile(o.input, o.stats))
-        return "the statistics file is the same file as INPUT; refusing to overwrite it";
-    if (!o.stats.empty() && !o.output.empty() && SameFile(o.output, o.stats))
-        return "the statistics file and OUTPUT are the same file";
     // The temporary is removed afterwards, so it must not be anything the user has.
-    std::string temp = WaveletTemporary(o);
+    const std::string temp = WaveletTemporary(o);
     std::error_code ec;
     if (!temp.empty() && (SameFile(o.input, temp) || fs::exists(fs::symlink_status(temp, ec))))
         return "'" + temp + "' exists and the wavelet run would overwrite and remove it; "
                "move it or choose another OUTPUT";
+    std::vector<std::pair<std::string, std::string>> writes;
+    for (const Written& w : NamedWrites(o))
+        writes.emplace_back(w.role, *w.path);
+    const size_t named = writes.size();
+    for (const SideFile& s : SideFiles(o))
+        writes.emplace_back(s.role, s.path);
     // Every file INPUT is made of (VRT sources, side files) is the user's too.
-    auto written = WrittenFiles(o);
-    written.emplace_back("the wavelet temporary", &temp);
-    for (const std::string& file : f.files)
-        for (const auto& [role, path] : written)
-            if (!path->empty() && SameFile(file, *path))
-                return role + " is the same file as '" + file + "', which INPUT reads; refusing to overwrite it";
+    for (const auto& [role, path] : writes)
+        for (const Read& r : Reads(o, f))
+            if (SameFile(r.path, path))
+                return role + " is the same file as " + r.described + "; refusing to overwrite it";
+    // Two things written under one name: the later one would end the earlier.
+    for (size_t i = 0; i < named; ++i)
+        for (size_t j = i + 1; j < writes.size(); ++j)
+            if (SameFile(writes[i].second, writes[j].second))
+                return writes[i].first + " and " + writes[j].first + " are the same file";
     return {};
 }
 
+// A copy-only format (PNG, JPEG) that would convert the result to a type it holds loses the
+// values themselves: refused, though GDAL only warns.
+std::string CopiedTypeProblem(const std::string& format, const PlannedOutput& plan)
+{
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.c_str());
+    if (!driver || plan.bands < 1 || driver->GetMetadataItem(GDAL_DCAP_CREATE))
+        return {};
+    const char* types = driver->GetMetadataItem(GDAL_DMD_CREATIONDATATYPES);
+    const std::string type = PixelTypeName(plan.type).toStdString();
+    std::string listed = " ";
+    listed.append(types ? types : "").append(" ");
+    if (!types || listed.find(std::string(" ").append(type).append(" ")) != std::string::npos)
+        return {};
+    return "option -of: " + format + " cannot hold the " + type + " values this command writes (it holds " + types +
+           "); choose a format such as GTiff";
+}
+
+} // namespace
+
 // The format must hold what the command writes, or the run is refused before anything is touched.
-std::string CheckFormat(Options& o, const InputFacts& f)
+std::string FormatProblem(Options& o, int inputBands)
 {
     const QString format = QString::fromStdString(o.format);
-    const PlannedOutput plan = PlanOutput(o, f.bands);
+    const PlannedOutput plan = PlanOutput(o, inputBands);
     // No bands asked about: what is wrong with the format itself.
     QString problem = DatasetFactory::Instance()->OutputFormatProblem(format, 0, plan.type, nullptr);
     if (!problem.isEmpty())
         return "option -of: " + problem.toStdString();
+    if (std::string copied = CopiedTypeProblem(o.format, plan); !copied.empty())
+        return copied;
     QString warning;
     problem = DatasetFactory::Instance()->OutputFormatProblem(format, plan.bands, plan.type, &warning);
     if (!warning.isEmpty())
@@ -129,14 +211,31 @@ std::string CheckFormat(Options& o, const InputFacts& f)
            PixelTypeName(plan.type).toStdString() + ": " + problem.toStdString();
 }
 
+namespace {
+
 std::string CheckOutputs(Options& o)
 {
-    for (const auto& [role, path] : WrittenFiles(o)) {
-        if (std::string problem = CheckWrittenPath(role, *path); !problem.empty())
+    for (const Written& w : NamedWrites(o)) {
+        if (std::string problem = CheckWrittenPath(w.role, *w.path); !problem.empty())
             return problem;
-        o.request.outputs.push_back(*path);
+        if (std::string problem = WritableProblem(w.role, *w.path); !problem.empty())
+            return problem;
+        if (w.role != "the quicklook")
+            o.request.outputs.push_back(*w.path);
     }
     return {};
+}
+
+// Everything of the user's the run may touch, for the host to keep until the run ends.
+void NoteGuardedFiles(Options& o)
+{
+    for (const Written& w : NamedWrites(o))
+        o.request.guarded.push_back({*w.path, false, true});
+    for (const SideFile& s : SideFiles(o))
+        o.request.guarded.push_back({s.path, false, s.replaced});
+    // A failed MNF inverse removes the statistics file it read; it is the user's input.
+    if (!o.stats.empty() && !WritesStatistics(o))
+        o.request.guarded.push_back({o.stats, true, false});
 }
 
 } // namespace
@@ -152,8 +251,13 @@ bool SameFile(const std::string& a, const std::string& b)
 std::string CheckFiles(Options& o)
 {
     std::error_code ec;
+    for (const auto& [role, path] : {std::pair<const char*, std::string*>{"INPUT", &o.input}, {"OUTPUT", &o.output},
+                                     {"the statistics file", &o.stats}, {"the quicklook", &o.request.quicklook}})
+        if (std::string problem = EncodingProblem(role, *path); !problem.empty())
+            return problem;
     const InputFacts input = LookAtInput(o.input);
     o.inputBands = input.bands;
+    o.request.inputBands = input.bands;
     // GDAL opens more than files: /vsizip/..., subdataset names.
     if (!input.opened && !fs::exists(o.input, ec))
         return "INPUT '" + o.input + "' does not exist";
@@ -163,5 +267,13 @@ std::string CheckFiles(Options& o)
         return problem;
     if (std::string problem = CheckSameFiles(o, input); !problem.empty())
         return problem;
-    return CheckFormat(o, input);
+    for (int b : o.command == "fft" ? o.bands : std::vector<int>())
+        if (input.opened && b > input.bands)
+            return "option -b: INPUT has only " + std::to_string(input.bands) + " bands, not " + std::to_string(b);
+    if (std::string problem = FormatProblem(o, input.bands); !problem.empty())
+        return problem;
+    if (std::string problem = o.command == "fft" ? SpectrumProblem(o.input, o.bands) : ""; !problem.empty())
+        return problem;
+    NoteGuardedFiles(o);
+    return {};
 }

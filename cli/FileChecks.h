@@ -7,3 +7,7 @@ std::string CheckFiles(Options& options);
 
 // True when a and b name the same file, also when neither exists yet.
 bool SameFile(const std::string& a, const std::string& b);
+
+// Why the -of format cannot hold what the command writes for an input of `inputBands` bands;
+// empty when it can. Notes a conversion it makes in options.request.warning.
+std::string FormatProblem(Options& options, int inputBands);

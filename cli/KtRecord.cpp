@@ -223,8 +223,6 @@ ParseResult KtRequest(Options& o)
             return Usage(KtBandCountProblem(*set, o.inputBands), o.command);
         FitPublishedSet(*set, bands.empty() ? set->rules[0].bands : bands, info);
     } else {
-        if (!o.output.empty() && SameFile(o.coefficients, o.output))
-            return Usage("OUTPUT is the same file as the coefficient file; refusing to overwrite it", o.command);
         KtUserSet user;
         std::string problem = ReadKtCoefficients(o.coefficients, user);
         if (problem.empty())

@@ -49,14 +49,18 @@ const std::map<std::string, CommandInfo>& Commands()
         {"mnf-inverse", {"image bands from minimum noise fraction components", "mnf-inverse -stats FILE INPUT OUTPUT",
                          "  -stats FILE   statistics file written by mnf (required)\n", {"-stats"}}},
         {"pca", {"principal components and their statistics file",
-                 "pca -stats FILE [-ot TYPE] [-n N] [-corr] [-center] [-stats-only] INPUT [OUTPUT]",
+                 "pca -stats FILE [-ot TYPE] [-n N] [-corr] [-no-center] [-stats-only] INPUT [OUTPUT]",
                  "  -stats FILE   statistics file to write (required)\n"
                  "  -ot TYPE      output pixel type, default Float32\n"
                  "  -n N          use bands 1..N of the input and write N components; default all bands\n"
                  "  -corr         rotate by the correlation matrix instead of the covariance matrix\n"
-                 "  -center       subtract each band's mean before projecting\n"
+                 "  -no-center    project the bands as they are, without subtracting their means first;\n"
+                 "                pca-inverse, which always adds the means back, then returns INPUT plus them\n"
+                 "  -center       subtract each band's mean before projecting; the default\n"
+                 "  -ot Byte, Int16 and the other integer types truncate the components toward zero;\n"
+                 "  components beyond the type's range are stretched by INPUT's sample range into it\n"
                  "  -stats-only   write the statistics file and print the eigenvalues; no OUTPUT\n",
-                 {"-stats", "-ot", "-n", "-corr", "-center", "-stats-only"}}},
+                 {"-stats", "-ot", "-n", "-corr", "-center", "-no-center", "-stats-only"}}},
         {"pca-inverse", {"image bands rotated back from principal components",
                          "pca-inverse -stats FILE [-ot TYPE] INPUT OUTPUT",
                          "  -stats FILE   statistics file written by pca (required)\n"
@@ -153,12 +157,19 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
             return "option -n takes a band count from 1 up";
     } else if (a == "-corr") {
         o.corr = true;
-    } else if (a == "-center") {
-        o.center = true;
+    } else if (a == "-center" || a == "-no-center") {
+        o.center = a == "-center";
     } else if (a == "-stats-only") {
         o.request.statsOnly = true;
     }
     return {};
+}
+
+// True when `word` is an option seen before that takes no repeats (only -b, -co and -q do).
+bool RepeatedOption(const std::string& word, std::set<std::string>& seen)
+{
+    static const std::set<std::string> repeatable = {"-b", "-co", "-q"};
+    return word.size() > 1 && word[0] == '-' && !repeatable.count(word) && !seen.insert(word).second;
 }
 
 // INPUT and OUTPUT from the words that are not options.
@@ -169,6 +180,9 @@ ParseResult TakeFileNames(const std::vector<std::string>& positional, Options& o
         return Usage(needed == 1 ? "INPUT is missing" : "INPUT and OUTPUT are both needed", o.command);
     if (positional.size() > 2 || (o.request.statsOnly && positional.size() > 1))
         return Usage("too many file names: '" + positional.back() + "'", o.command);
+    for (size_t k = 0; k < positional.size(); ++k)
+        if (positional[k].empty())
+            return Usage(std::string(k == 0 ? "INPUT" : "OUTPUT") + " is an empty file name", o.command);
     o.input = positional[0];
     o.output = positional.size() > 1 ? positional[1] : std::string();
     if (TakesStatistics(o.command) && o.stats.empty())
@@ -213,14 +227,17 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
         return Usage("unknown command '" + o.command + "'");
     o.request.command = o.command;
     std::vector<std::string> positional;
+    std::set<std::string> seen;
     for (size_t i = 1; i < args.size(); ++i) {
         const std::string& a = args[i];
+        if (RepeatedOption(a, seen))
+            return Usage("option " + a + " is given twice; say it once", o.command);
         if (a == "-h" || a == "--help")
             return {ParseResult::Done, {}, CommandHelp(o.command), {}};
         if (a == "-q") {
             o.request.quiet = true;
         } else if (a == "-of" || a == "--plugin" || a == "-quicklook") {
-            if (i + 1 >= args.size())
+            if (i + 1 >= args.size() || (a == "-quicklook" && args[i + 1].empty()))
                 return Usage("option " + a + " needs a value", o.command);
             (a == "-of" ? o.format : a == "-quicklook" ? o.request.quicklook : o.request.pluginPath) = args[++i];
         } else if (a.size() > 1 && a[0] == '-') {
@@ -232,6 +249,8 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
             positional.push_back(a);
         }
     }
+    if (seen.count("-center") && seen.count("-no-center"))
+        return Usage("options -center and -no-center contradict each other; give one", o.command);
     if (std::string problem = QuicklookProblem(o.request.quicklook, o.request.statsOnly); !problem.empty())
         return Usage(problem, o.command);
     return TakeFileNames(positional, o);

@@ -16,7 +16,7 @@ struct Options {
     std::vector<int> bands;   // -b, 1-based, in the order given
     int components = 0;       // -n, 0 = every band
     bool corr = false;
-    bool center = false;
+    bool center = true;       // pca subtracts the band means unless -no-center
     std::string input;
     std::string output;       // empty for pca -stats-only
     int inputBands = 0;       // INPUT's band count as the file checks found it; 0 when it does not open

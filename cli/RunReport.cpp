@@ -17,6 +17,20 @@ std::string DescribeCode(int code)
     }
 }
 
+std::string DescribeFailure(const Request& req, int code)
+{
+    if (code == -1010 || (req.command != "pca" && req.command != "pca-inverse"))
+        return DescribeCode(code);
+    const bool forward = req.command == "pca";
+    if (req.inputBands == 0)
+        return "the principal component run failed: INPUT could not be opened as a raster";
+    return std::string("the principal component ") + (forward ? "rotation" : "inverse rotation") +
+           " failed: INPUT could not be read, " +
+           (forward ? "the statistics file or OUTPUT could not be written"
+                    : "the statistics file could not be read or OUTPUT could not be written") +
+           ", or no routine converts INPUT's pixel type to the one asked for";
+}
+
 std::string ExplainPluginText(const QString& text)
 {
     const QString t = text.trimmed();

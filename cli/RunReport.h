@@ -7,6 +7,10 @@
 
 // What a run left for the user, as the host tells it on stderr.
 
+// What failed, for a failure whose text the plug-in left empty: the principal component runs
+// leave it so, and the host says what it knows of them.
+std::string DescribeFailure(const Request& req, int code);
+
 // A plain description for an error code whose text the plug-in left empty.
 std::string DescribeCode(int code);
 

@@ -2,9 +2,10 @@
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "BandNames.h"
 #include "CommandLine.h"
-#include "KeptFile.h"
+#include "KeptFiles.h"
 #include "PluginLoader.h"
 #include "RunReport.h"
+#include "StatsFiles.h"
 #include "TermProgress.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
@@ -100,13 +101,16 @@ void PrintEigenTable(const boost::any& params)
 }
 
 // The plug-in's failure, its plain-language reading, GDAL's reason and the I/O that failed.
-int ReportPluginFailure(OrvAlgo::IOrvAlgo& algo)
+int ReportPluginFailure(OrvAlgo::IOrvAlgo& algo, const Request& req)
 {
     int code = 0;
     QString text;
     algo.GetErrorInfo(code, text);
+    // The principal component runs leave code and text unset on failure; the host says what it knows.
+    if (code == 0)
+        code = 1;
     std::fprintf(stderr, "ERROR %d: %s\n", code,
-                 text.isEmpty() ? DescribeCode(code).c_str() : text.toLocal8Bit().constData());
+                 text.isEmpty() ? DescribeFailure(req, code).c_str() : text.toLocal8Bit().constData());
     if (const std::string plain = ExplainPluginText(text); !plain.empty())
         std::fprintf(stderr, "%s\n", plain.c_str());
     const OrvDataSource::GdalError gdal = OrvDataSource::LastGdalError();
@@ -114,6 +118,16 @@ int ReportPluginFailure(OrvAlgo::IOrvAlgo& algo)
         std::fprintf(stderr, "  GDAL: %s\n", gdal.strMessage.toLocal8Bit().constData());
     std::fputs(OrvDataSource::RecordedFailures().isEmpty() ? "" : RecordedFailureLines().c_str(), stderr);
     return kFailed;
+}
+
+// A run refused before it starts (usage, 2) or failed by what the host found (1).
+int Refuse(const Request& req, int status, const std::string& message)
+{
+    if (status == kUsage)
+        std::fprintf(stderr, "tavtransform: %s\nTry 'tavtransform %s --help'.\n", message.c_str(), req.command.c_str());
+    else
+        std::fprintf(stderr, "ERROR 1: %s\n", message.c_str());
+    return status;
 }
 
 // Runs the plug-in with the signal thread watching; the signal number that stopped it, or 0.
@@ -147,11 +161,13 @@ int Run(const Request& req)
     algo->SetProgressSignal(&signal);
     algo->SetParams(req.record);
 
+    // What cannot end well is refused before anything of the user's is touched.
+    if (const StatsVerdict before = CheckStatisticsRead(req); before.status != kOk)
+        return Refuse(req, before.status, before.message);
+    KeptFiles kept;
+    if (const std::string problem = kept.Keep(req.guarded); !problem.empty())
+        return Refuse(req, kUsage, problem);
     bool ok = false;
-    // A failed mnf-inverse removes its statistics file by the plug-in's rules; it is the user's input.
-    const KeptFile statistics(req.command == "mnf-inverse"
-                                  ? boost::any_cast<const stTransInfo&>(req.record).strStatFile.toStdString()
-                                  : std::string());
     const int stoppedBy = ExecuteWatched(*algo, ok);
     const bool hostFailed = ok && HostSawFailure();
     if (!req.quiet) {
@@ -159,23 +175,33 @@ int Run(const Request& req)
             progress.Update(100.0, QString());
         progress.Finish();
     }
-    if (ok && !hostFailed && req.statsOnly)
-        PrintEigenTable(algo->GetParams());
-    // The plug-in stays loaded: GDAL may still hold objects it made until exit.
+    // The plug-in stays loaded: GDAL may still hold objects it made until exit. Every way out
+    // but success puts the user's files back as they were.
+    int status = kOk;
     if (stoppedBy) {
         std::fprintf(stderr, "Interrupted; the partial output was removed.\n");
-        return kSignalBase + stoppedBy;
-    }
-    if (hostFailed) {
+        status = kSignalBase + stoppedBy;
+    } else if (hostFailed) {
         ReportHostFailure(req);
-        return kFailed;
+        status = kFailed;
+    } else if (!ok) {
+        status = ReportPluginFailure(*algo, req);
+    } else if (const StatsVerdict after = CheckStatisticsWritten(req); after.status != kOk) {
+        status = Refuse(req, kFailed, after.message);
+    } else {
+        if (!after.warning.empty())
+            std::fprintf(stderr, "%s\n", after.warning.c_str());
+        if (const std::string problem = FinishOutput(req); !problem.empty())
+            status = Refuse(req, kFailed, problem);
     }
-    if (!ok)
-        return ReportPluginFailure(*algo);
-    if (const std::string problem = FinishOutput(req); !problem.empty()) {
-        std::fprintf(stderr, "ERROR: %s\n", problem.c_str());
-        return kFailed;
+    if (status != kOk) {
+        for (const std::string& path : kept.Restore())
+            std::fprintf(stderr, "Put back your earlier %s.\n", path.c_str());
+        return status;
     }
+    kept.Commit();
+    if (req.statsOnly)
+        PrintEigenTable(algo->GetParams());
     return kOk;
 }
 

@@ -6,8 +6,13 @@
 #include "PluginLoader.h"
 #include "Records.h"
 #include "RunReport.h"
+#include "StatsFiles.h"
+#include "ValueChecks.h"
+#include "FileChecks.h"
+#include "KeptFiles.h"
 
 #include "OrvAlgo/IOrvAlgo.h"
+#include "OrvDataSource/GdalErrors.h"
 
 #include <cpl_vsi.h>
 #include <gdal_priv.h>
@@ -23,20 +28,23 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 
 namespace py = pybind11;
 namespace fs = std::filesystem;
 
 namespace {
 
-py::object g_error; // tavtransform.Error
+py::object g_error;     // tavtransform.Error
+py::object g_cancelled; // tavtransform.Cancelled, an Error
 
 [[noreturn]] void Raise(int code, const std::string& text)
 {
-    py::object e = g_error(std::to_string(code) + ": " + text);
+    const py::object& type = code == -1010 ? g_cancelled : g_error;
+    py::object e = type(std::to_string(code) + ": " + text);
     e.attr("code") = code;
     e.attr("text") = text;
-    PyErr_SetObject(g_error.ptr(), e.ptr());
+    PyErr_SetObject(type.ptr(), e.ptr());
     throw py::error_already_set();
 }
 
@@ -92,6 +100,14 @@ py::object EigenTuples(const boost::any& record)
 py::object Execute(const Request& req, const py::object& progress)
 {
     std::unique_ptr<OrvAlgo::IOrvAlgo> algo(Plugin(req.pluginPath)());
+    if (const StatsVerdict before = CheckStatisticsRead(req); before.status == 2)
+        throw py::value_error(before.message);
+    else if (before.status != 0)
+        Raise(1, before.message);
+    // Every way out but success (an exception included) puts the user's files back.
+    KeptFiles kept;
+    if (const std::string problem = kept.Keep(req.guarded); !problem.empty())
+        throw py::value_error(problem);
     OrvAlgo::ProgressSignal signal;
     ProgressBridge bridge{algo.get(), progress, {}};
     signal.connect([&bridge](double p, const QString& m, void*) { return bridge(p, m); });
@@ -100,6 +116,7 @@ py::object Execute(const Request& req, const py::object& progress)
     if (!req.warning.empty() && PyErr_WarnEx(PyExc_UserWarning, req.warning.c_str(), 1) != 0)
         throw py::error_already_set();
     bool ok = false;
+    OrvDataSource::ClearGdalError();
     {
         py::gil_scoped_release release;
         ok = algo->Execute();
@@ -109,27 +126,62 @@ py::object Execute(const Request& req, const py::object& progress)
     int code = 0;
     QString text;
     algo->GetErrorInfo(code, text);
-    if (!ok)
-        Raise(code, text.isEmpty() ? "the transform failed" : text.toStdString());
-    if (req.statsOnly)
-        return EigenTuples(algo->GetParams());
+    if (!ok) {
+        code = code == 0 ? 1 : code;
+        Raise(code, text.isEmpty() ? DescribeFailure(req, code) : text.toStdString());
+    }
+    if (HostSawFailure())
+        Raise(1, "the transform reported success, but GDAL failed during the run:\n" + RecordedFailureLines());
+    const StatsVerdict after = CheckStatisticsWritten(req);
+    if (after.status != 0)
+        Raise(1, after.message);
+    if (!after.warning.empty())
+        PyErr_WarnEx(PyExc_RuntimeWarning, after.warning.c_str(), 1);
     if (const std::string problem = FinishOutput(req); !problem.empty())
         Raise(1, problem);
+    kept.Commit();
+    if (req.statsOnly)
+        return EigenTuples(algo->GetParams());
     return py::str(OutputFile(req));
+}
+
+// A file name from a str or an os.PathLike; anything else is refused rather than turned into text.
+std::string FileName(const char* what, const py::handle& value)
+{
+    const bool pathLike = py::isinstance<py::str>(value) || py::hasattr(value, "__fspath__");
+    py::object name = pathLike ? py::module_::import("os").attr("fspath")(value) : py::none();
+    if (!py::isinstance<py::str>(name))
+        throw py::type_error(std::string(what) + " takes a file name as str or os.PathLike, not " +
+                             py::str(py::type::of(value).attr("__name__")).cast<std::string>());
+    try {
+        return name.cast<std::string>();
+    } catch (const py::cast_error&) { // a name os.fsdecode made from bytes that are not UTF-8
+        throw py::value_error(std::string(what) + " " + py::repr(name).cast<std::string>() +
+                              " is not valid UTF-8; the transforms take file names as Unicode text");
+    }
 }
 
 // Keyword options as command-line words: of="ENVI" -> -of ENVI, b=[1, 4] -> -b 1 -b 4, corr=True -> -corr.
 std::vector<std::string> Words(const std::string& command, const py::kwargs& options)
 {
+    static const std::set<std::string> flags = {"-corr", "-center", "-no-center", "-stats-only", "-unscale", "-q"};
+    static const std::set<std::string> files = {"-stats", "-quicklook", "-coefficients", "--plugin"};
     std::vector<std::string> args = {command, "-q"};
     for (const auto& [key, value] : options) {
         std::string flag = key.cast<std::string>();
         std::replace(flag.begin(), flag.end(), '_', '-');
         flag = (flag == "plugin" ? "--" : "-") + flag;
-        if (value.is_none() || (py::isinstance<py::bool_>(value) && !value.cast<bool>()))
+        if (flags.count(flag)) { // any truthy value sets a flag, as Python's own tests do
+            if (PyObject_IsTrue(value.ptr()) == 1 && flag != "-q")
+                args.push_back(flag);
+            else if (flag == "-center" && !value.is_none() && PyObject_IsTrue(value.ptr()) == 0)
+                args.push_back("-no-center"); // centring is the default
+        } else if (value.is_none()) {
             continue;
-        if (py::isinstance<py::bool_>(value)) {
-            args.push_back(flag);
+        } else if (files.count(flag)) {
+            args.insert(args.end(), {flag, FileName(("option " + key.cast<std::string>()).c_str(), value)});
+        } else if (py::isinstance<py::bool_>(value)) {
+            throw py::type_error("option " + key.cast<std::string>() + " takes a value, not True or False");
         } else if (py::isinstance<py::list>(value) || py::isinstance<py::tuple>(value)) {
             for (const auto& item : value)
                 args.insert(args.end(), {flag, py::str(item).cast<std::string>()});
@@ -149,13 +201,13 @@ ParseResult Checked(ParseResult parsed)
     return parsed;
 }
 
-py::object Run(const std::string& command, const std::string& input, const py::object& output,
+py::object Run(const std::string& command, const py::object& input, const py::object& output,
                const py::object& progress, const py::kwargs& options)
 {
     std::vector<std::string> args = Words(command, options);
-    args.push_back(input);
+    args.push_back(FileName("input", input));
     if (!output.is_none())
-        args.push_back(py::str(output).cast<std::string>());
+        args.push_back(FileName("output", output));
     return Execute(Checked(ParseCommandLine(args)).request, progress);
 }
 
@@ -191,6 +243,9 @@ void WriteArray(const std::string& path, py::array array)
 {
     if (array.ndim() != 2 && array.ndim() != 3)
         throw py::value_error("expected a (rows, cols) or (bands, rows, cols) array");
+    if (array.dtype().kind() == 'c')
+        throw py::value_error("complex arrays are not taken: the transforms read real pixels; pass .real and "
+                              ".imag separately (fft_inverse takes them as band pairs)");
     GDALDataType type = GdalType(array.dtype());
     if (type == GDT_Unknown) {
         array = py::array_t<double, py::array::c_style | py::array::forcecast>(array);
@@ -276,6 +331,10 @@ py::array RunOnArray(const std::string& command, const py::array& array, const p
     args.insert(args.end(), {dir + "/in.tif", dir + "/out.tif"});
     Checked(ParseOptions(args, o));
     o.inputBands = array.ndim() == 3 ? static_cast<int>(array.shape(0)) : 1;
+    if (const std::string problem = FormatProblem(o, o.inputBands); !problem.empty())
+        throw py::value_error(problem);
+    if (const std::string problem = command == "fft" ? SpectrumProblem(o.input, o.bands) : ""; !problem.empty())
+        throw py::value_error(problem);
     Execute(Checked(BuildRecord(std::move(o))).request, py::none());
     return ReadArray(dir + "/out.tif", array.ndim() == 2);
 }
@@ -288,6 +347,9 @@ PYBIND11_MODULE(tavtransform, m)
     g_error = py::reinterpret_steal<py::object>(
         PyErr_NewException("tavtransform.Error", PyExc_RuntimeError, nullptr));
     m.attr("Error") = g_error;
+    g_cancelled = py::reinterpret_steal<py::object>(
+        PyErr_NewException("tavtransform.Cancelled", g_error.ptr(), nullptr));
+    m.attr("Cancelled") = g_cancelled;
     m.attr("__version__") = TAV_VERSION;
     m.def("run", &Run, py::arg("command"), py::arg("input"), py::arg("output") = py::none(),
           py::arg("progress") = py::none(),
@@ -295,7 +357,8 @@ PYBIND11_MODULE(tavtransform, m)
           "Options are the command line's without the dash (sensor='etm', b=[1, 4], ot='Int16', corr=True).\n"
           "Returns the output path, or for pca with stats_only=True the eigenvalue table as\n"
           "(component, eigenvalue, percent, cumulative percent) tuples. Raises tavtransform.Error\n"
-          "(.code, .text) when the run fails; progress(percent, message) returning False cancels.");
+          "(.code, .text) when the run fails; progress(percent, message) returning False cancels and raises\n"
+          "tavtransform.Cancelled, a subclass of Error. Files the run may write are kept and put back on failure.");
     auto helper = [&m](const char* name, const char* command, const char* doc) {
         m.def(name, [command](const py::array& a, const py::kwargs& options) { return RunOnArray(command, a, options); },
               py::arg("array"), doc);

@@ -96,3 +96,45 @@ class Runs(unittest.TestCase):
         for bad in [{"unscale": True}, {"unscale": (1, 2, 3)}, {"unscale": [(1, 0)] * 5}]:
             with self.subTest(bad), self.assertRaises(ValueError):
                 tavtransform.kt(dn, sensor="oli", **bad)
+
+    def contents(self):
+        """Every file of the folder, hidden ones included, with its bytes."""
+        def data(name):
+            with open(self.path(name), "rb") as f:
+                return f.read()
+        return {name: data(name) for name in os.listdir(self.tmp)}
+
+    def test_options_files_and_cancel_keep_what_the_user_had(self):
+        scene, stats, out = self.path("scene.tif"), self.path("s.sta"), self.path("o.tif")
+        values = np.random.default_rng(3).uniform(0, 4000, (4, 60, 50)).astype(np.float32)
+        ds = gdal.GetDriverByName("GTiff").Create(scene, 50, 60, 4, gdal.GDT_Float32)
+        ds.WriteArray(values)
+        del ds
+        for name, text in [(stats, "the user's statistics"), (out, "the user's result")]:
+            with open(name, "w") as f:
+                f.write(text)
+        before = self.contents()
+        path = __import__("pathlib").Path
+        cases = [  # (options, exception, message): each leaves the folder as it was
+            ({"stats": stats, "progress": lambda p, m: p < 10}, tavtransform.Cancelled, "-1010"),
+            ({"stats": 5}, TypeError, "file name"), ({"stats": stats, "n": True}, TypeError, "takes a value"),
+            ({"stats": stats, "of": "PNG"}, ValueError, "PNG cannot hold the Float32 values"),
+            ({"stats": stats, "stats_only": 1, "quicklook": self.path("q.png")}, ValueError, "-stats-only writes none"),
+            ({"stats": stats, "corr": "yes", "center": 0, "quicklook": self.path("no/q.png")}, ValueError, "does not exist"),
+            ({"stats": os.fsdecode(b"s\xff.sta")}, ValueError, "is not valid UTF-8"),
+        ]
+        for options, raised, message in cases:
+            with self.subTest(options), self.assertRaises(raised) as caught:
+                tavtransform.run("pca", path(scene), path(out), **options)
+            self.assertIn(message, str(caught.exception))
+            self.assertEqual(self.contents(), before)
+        self.assertTrue(issubclass(tavtransform.Cancelled, tavtransform.Error))
+        # Truthy flags and path-like names; centred by default, so the inverse gives the scene back.
+        tavtransform.run("pca", path(scene), path(out), stats=path(stats), corr=1)
+        tavtransform.run("pca", path(scene), path(out), stats=path(stats), center="yes")
+        tavtransform.run("pca-inverse", path(out), self.path("back.tif"), stats=path(stats))
+        np.testing.assert_allclose(read(self.path("back.tif"))[0], values, rtol=1e-5, atol=1e-2)
+        for bad, message in [(np.zeros((2, 3, 4), np.complex64), "complex arrays"), (values, "PNG cannot hold")]:
+            with self.assertRaises(ValueError) as caught:
+                tavtransform.kt(bad, of="PNG") if bad is values else tavtransform.fft(bad)
+            self.assertIn(message, str(caught.exception))

@@ -54,6 +54,12 @@ void RasterDataset::GetGeoTransform(double* gt) const
     }
 }
 
+bool RasterDataset::HasGeoTransform() const
+{
+    double gt[6];
+    return m_poDS->GetGeoTransform(gt) == CE_None;
+}
+
 OrvUtility::_ptr_t<RasterBand> RasterDataset::GetRasterBand(int index) const
 {
     if (index < 0 || index >= GetBandCount())

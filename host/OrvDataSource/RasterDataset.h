@@ -21,6 +21,8 @@ public:
     // Ground control points; a raster georeferenced by them has no coordinate system of its own.
     int GetGCPCount() const;
     void GetGeoTransform(double* gt) const;
+    // False when the raster has no geo-transform of its own (GetGeoTransform then gives the identity).
+    bool HasGeoTransform() const;
     OrvUtility::_ptr_t<RasterBand> GetRasterBand(int index) const;
 
     virtual OrvUtility::_ptr_t<SpatialReference> GetSpatialReference() const;

@@ -198,13 +198,6 @@ CentreGeometry Centre(const FftBandBlocks& blocks)
 
 TavTransFFTFuncNew::~TavTransFFTFuncNew() { FftFreeWorkspace(&m_workspace); }
 
-TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenBlockReader(const QString& input)
-{
-    // A handle per block of rows: releasing it drops what the host's block cache kept of those
-    // rows, so the band is held once, in the blocks, and not a second time in the cache.
-    return OpenInputRaster(input);
-}
-
 TavTransFFTFuncNew::RasterPtr TavTransFFTFuncNew::OpenInput(const QString& input)
 {
     RasterPtr in = OpenInputRaster(input);
@@ -273,7 +266,7 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
         return false;
     return EachBand(bandCount, *in, "Forward FFT Transform is running...",
                     [&](int i, FftBandBlocks& blocks, const auto& pass) {
-                        return ReadAndTransformRows(input, bands[i], blocks, pass(0)) &&
+                        return ReadAndTransformRows(*in, bands[i], blocks, pass(0)) &&
                                TransformColumns(blocks, +1, -1.0, pass(1)) &&
                                WriteCentred(*out, 2 * i, blocks, pass(2));
                     });
@@ -301,7 +294,7 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
                             if (!blocks.AppendZeroed())
                                 return Fail(kContext, "Apply memory Fail!");
                         auto outBand = out->GetRasterBand(i);
-                        return UncentreConjugated(input, 2 * i + 1, blocks, pass(0)) &&
+                        return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0)) &&
                                TransformBlockRows(blocks, -1, 0.0, pass(1)) &&
                                TransformColumns(blocks, -1, 0.0, pass(2)) &&
                                WriteRealHalves(*outBand, blocks, outType);
@@ -320,7 +313,7 @@ bool TavTransFFTFuncNew::CheckBands(const std::vector<int>& bands, int bandCount
     return true;
 }
 
-bool TavTransFFTFuncNew::ReadAndTransformRows(const QString& input, int bandNumber, FftBandBlocks& blocks,
+bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
                                               const ProgressPass& pass)
 {
     const int width = blocks.Width();
@@ -329,8 +322,8 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(const QString& input, int bandNumb
             return LeaveCancelled();
         if (!blocks.AppendZeroed())
             return Fail(kContext, "Apply memory Fail!");
-        RasterPtr reader = OpenBlockReader(input);
-        if (!reader || !ReadFloatRows(*reader, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
+        // The host's block cache is small and bounded, so the band is held once, in the blocks.
+        if (!ReadFloatRows(in, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
         // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
         if (!TransformRowsOf(blocks, b.index, +1, -1.0))
@@ -339,22 +332,19 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(const QString& input, int bandNumb
     return true;
 }
 
-bool TavTransFFTFuncNew::UncentreConjugated(const QString& input, int realBandNumber, FftBandBlocks& blocks,
+bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
                                             const ProgressPass& pass)
 {
     const auto [width, height, hW, hH] = Centre(blocks);
     const RowPair row(width);
     if (!row)
         return Fail(kContext, "Apply memory Fail!");
-    RasterPtr reader;
     for (int y = 0; y < height; ++y) {
         if (!pass.PollAndReport(y))
             return LeaveCancelled();
-        if (y % blocks.RowsPerBlock() == 0)
-            reader = OpenBlockReader(input);
         const int source = (y + hH) % height;
-        if (!reader || !ReadFloatRows(*reader, realBandNumber, source, 1, width, row.re.get()) ||
-            !ReadFloatRows(*reader, realBandNumber + 1, source, 1, width, row.im.get()))
+        if (!ReadFloatRows(in, realBandNumber, source, 1, width, row.re.get()) ||
+            !ReadFloatRows(in, realBandNumber + 1, source, 1, width, row.im.get()))
             return Fail(kContext, "Failed to read the input file!");
         // Column (x + hW) mod W goes back to x; rotating by W - hW does exactly that.
         RotateRow(row.re.get(), blocks.ReRow(y), width, width - hW);

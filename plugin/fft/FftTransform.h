@@ -32,10 +32,12 @@ private:
     // Both runs: the output with the input's geo-transform and coordinate system, or null.
     RasterPtr CreateLike(OrvDataSource::RasterDataset& in, const QString& output, int bands, int type,
                          const QString& format);
-    static RasterPtr OpenBlockReader(const QString& input);
-    // bandNumber and realBandNumber are 1-based; the imaginary band follows the real one.
-    bool ReadAndTransformRows(const QString& input, int bandNumber, FftBandBlocks& blocks, const ProgressPass& pass);
-    bool UncentreConjugated(const QString& input, int realBandNumber, FftBandBlocks& blocks, const ProgressPass& pass);
+    // bandNumber and realBandNumber are 1-based; the imaginary band follows the real one. Both read
+    // the dataset the run opened, so that every band comes from one and the same scene.
+    bool ReadAndTransformRows(OrvDataSource::RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
+                              const ProgressPass& pass);
+    bool UncentreConjugated(OrvDataSource::RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
+                            const ProgressPass& pass);
     bool TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
     bool TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling);
     bool TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);

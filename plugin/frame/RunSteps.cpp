@@ -68,6 +68,14 @@ void CopySpatialReference(RasterDataset& in, RasterDataset& out)
         out.SetSpatialReference(srs);
 }
 
+void CopyPlacementIfPresent(RasterDataset& in, RasterDataset& out)
+{
+    if (!in.HasGeoTransform())
+        return;
+    CopyGeoTransform(in, out);
+    CopySpatialReference(in, out);
+}
+
 void CopyRpcIfPresent(RasterDataset& in, RasterDataset& out)
 {
     if (in.GetMetadata("RPC"))

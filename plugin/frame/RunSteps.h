@@ -151,6 +151,8 @@ inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
 void ShiftOrigin(double gt[6], double dx, double dy);
 void CopyGeoTransform(OrvDataSource::RasterDataset& in, OrvDataSource::RasterDataset& out);
 void CopySpatialReference(OrvDataSource::RasterDataset& in, OrvDataSource::RasterDataset& out);
+// Both of the above, only when the input has a geo-transform of its own.
+void CopyPlacementIfPresent(OrvDataSource::RasterDataset& in, OrvDataSource::RasterDataset& out);
 // Only when the input has an "RPC" metadata domain.
 void CopyRpcIfPresent(OrvDataSource::RasterDataset& in, OrvDataSource::RasterDataset& out);
 

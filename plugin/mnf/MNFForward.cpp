@@ -317,8 +317,7 @@ bool CMNFTransFunc::Forward(const QString& input, const QString& output, const Q
     run.out = CreateOutput(output, run.width, run.height, run.n, PDT_Float32, format);
     if (!run.out)
         return Fail(kMNFContext, "OutFile Creat Fail!");
-    CopyGeoTransform(*run.in, *run.out);
-    CopySpatialReference(*run.in, *run.out);
+    CopyPlacementIfPresent(*run.in, *run.out);
 
     // A budget of 16 bytes gives one row per block; the rule is kept for larger budgets.
     run.rowsPerBlock = RowsPerBlock(blocks, run.width, 2LL * run.n * 4, run.height);

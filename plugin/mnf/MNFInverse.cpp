@@ -127,8 +127,7 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
     run.out = CreateOutput(output, run.width, run.height, run.n, run.type, format);
     if (!run.out)
         return Fail(kMNFContext, "OutFile Creat Fail!");
-    CopyGeoTransform(*run.in, *run.out);
-    CopySpatialReference(*run.in, *run.out);
+    CopyPlacementIfPresent(*run.in, *run.out);
 
     // The result is not checked, on purpose: a singular matrix is used as the elimination left it.
     InvertMatrix(run.inverse.get(), run.n);

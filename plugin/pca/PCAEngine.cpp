@@ -28,7 +28,6 @@ constexpr int kMaxBands = 4096;
 QString ForwardMessage() { return Tr(kContext, "Forward PCA Rotation is running..."); }
 QString InverseMessage() { return Tr(kContext, "Inverse PCA Rotation is running..."); }
 
-const char* kTooWide = "The image is too wide: one row of all bands must hold between 1 and 4194304 samples.";
 
 // An output on the input's grid, with its projection and geotransform; null when it cannot be created.
 template <class TOut>
@@ -158,14 +157,6 @@ CPCAEngine::CPCAEngine(const QString& input, const RunContext* context) : m_strI
 
 CPCAEngine::~CPCAEngine() = default;
 
-int CPCAEngine::Fail(int status, const QString& text) const
-{
-    m_pContext->SetErrorInfo(status == 6 ? -1010 : 1, status == 6 ? QString() : text);
-    return status;
-}
-
-int CPCAEngine::Fail(int status, const char* text) const { return Fail(status, Tr(kContext, text)); }
-
 // Rows of all n bands per block, about 4 Mi samples; 0 when not even one row fits.
 long long CPCAEngine::BlockRows() const
 {
@@ -188,7 +179,7 @@ int CPCAEngine::ForwardDriver(const stForwardPCAInfo& info)
         status = StepRoutine<typename decltype(in)::type, typename decltype(out)::type>(
             info.strOutputFile, info.nComponents, info.bSubtractMean, info.strFormat);
     });
-    return matched ? status : Fail(14, "No routine for this pair of input and output pixel types!");
+    return matched ? status : 14;
 }
 
 // Runs on every accepted call, rotation-only included: the sums start again from zero, so a
@@ -201,20 +192,18 @@ bool CPCAEngine::PrepareForward(const stForwardPCAInfo& info, int& status)
     m_nOutType = info.nOutDataType + 1;
     m_pDataset = TransWorker::OpenInputRaster(m_strInput);
     if (!m_pDataset) {
-        status = Fail(1, "Failed to open the input file!");
+        status = 1;
         return false;
     }
     const int available = m_pDataset->GetBandCount();
     const int n = info.nComponents != 0 ? info.nComponents : available;
     if (n < 1 || n > available) {
-        status = Fail(1, Tr(kContext, "The input has %1 bands; %2 components cannot be taken from it.")
-                             .arg(available)
-                             .arg(info.nComponents));
+        status = 1;
         return false;
     }
     m_nBands = n;
     if (!ResetAccumulators()) {
-        status = Fail(1, "Apply memory Fail!");
+        status = 1;
         return false;
     }
     EnsureStatFile();
@@ -254,18 +243,18 @@ template <class TIn>
 int CPCAEngine::StatisticsPass(int components)
 {
     if (!m_pDataset)
-        return Fail(1, "Failed to open the input file!");
+        return 1;
     if (!ResetAccumulators())
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     EnsureStatFile();
     const int n = m_nBands;
     const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, kTooWide);
+        return 1;
     const ProgressSpan readSpan(*m_pContext, ForwardMessage(), 0, 30, ProgressMath::Integer);
     TypedBuffer<double> piece = NewPiece(n); // the computation's: one chunk is computed at a time
     if (!piece)
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
         ForPieces(samples, chunk.Pixels(), n, piece.get(), [&](const double* values, long long, long long pixels) {
             PcaWithBandCount(n, [&](auto fixed) {
@@ -280,9 +269,9 @@ int CPCAEngine::StatisticsPass(int components)
     if (const int status = FinishMatrix())
         return status;
     if (!m_pStatFile->CreateForWriting())
-        return Fail(1, "The statistics file could not be created!");
+        return 1;
     if (!DecomposeAndStore())
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     if (components == 0)
         HandBackEigenValues();
     readSpan.ReportPercent(50);
@@ -320,7 +309,7 @@ int CPCAEngine::FinishMatrix()
         }
         if (!rowSpan.ReportAndPoll(i, n)) {
             m_pStatFile.reset();
-            return Fail(6, QString());
+            return 6;
         }
     }
     return 0;
@@ -387,17 +376,17 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     const int n = m_nBands;
     const int m = components > 0 ? components : n;
     if (m > n || m_eigenVectors.rows() < n || m_eigenVectors.cols() < m)
-        return Fail(1, "No statistics for this rotation: run the statistics-only step on this object first.");
+        return 1;
     const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, kTooWide);
+        return 1;
     m_projection = m_eigenVectors.topLeftCorner(n, m);
     // Square for the rotation step; the columns past m only compute values that are not written.
     Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = Eigen::MatrixXd::Zero(n, n);
     weights.leftCols(m) = m_projection;
     RasterPtr raster = CreatePlaced<TOut>(*m_pDataset, output, m, format);
     if (!raster)
-        return Fail(2, "The output file could not be created!");
+        return 2;
     const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
     const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
                                                weights.data(), nullptr, span);
@@ -421,23 +410,23 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
     TypedBuffer<TIn> slots[kSlots];
     for (auto& slot : slots)
         if (!(slot = NewSamples<TIn>(plan.MaxPixels() * n)))
-            return Fail(1, "Apply memory Fail!");
+            return 1;
     BlockPipeline pipe(kSlots, [&](int index) { compute(plan[index], slots[index % kSlots].get(), index % kSlots); });
     if (!pipe.Ready())
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     if (announce)
         span.Report(0, 1);
     int status = 0;
     pipe.Stream(plan.Count(), [&](int index) {
         const PcaChunk chunk = plan[index];
         if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
-            status = Fail(1, "Failed to read the input file!");
+            status = 1;
         else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
-            status = Fail(6, QString());
+            status = 6;
         return status == 0;
     }, [&](int index) {
         if (done && !done(plan[index], slots[index % kSlots].get(), index % kSlots))
-            status = Fail(1, "Apply memory Fail!");
+            status = 1;
         return status == 0;
     });
     return status;
@@ -456,12 +445,12 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
     TypedBuffer<TOut> results[kSlots];
     for (auto& result : results)
         if (!(result = NewSamples<TOut>(chunkPixels * m)))
-            return Fail(1, "Apply memory Fail!");
+            return 1;
     // The helper's piece and scratch; the run thread's only once a chunk needs the input's range.
     TypedBuffer<double> piece = NewPiece(n), redone;
     std::vector<double> scratch(2 * n), redoneScratch(2 * n);
     if (!piece)
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     bool needsRange[kSlots] = {};
     // Written once by the run's thread before `known` is set; the helper reads it only after.
     std::optional<PcaSampleRange> range;
@@ -513,27 +502,23 @@ int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
     span.ReportPercent(0);
     m_pStatFile = std::make_unique<CPCAStatFile>(info.strStatFile, 0);
     if (!m_pStatFile->OpenForReading())
-        return Fail(1, "The statistics file could not be opened!");
+        return 1;
     const int n = m_pStatFile->Bands();
     if (n < 1 || n > kMaxBands)
-        return Fail(1, Tr(kContext, "The statistics file gives %1 as its band count; 1 to %2 bands can be rotated back.")
-                           .arg(m_pStatFile->HeaderValue())
-                           .arg(kMaxBands));
+        return 1;
     m_nBands = n;
     m_nOutType = info.nOutDataType >= 0 && info.nOutDataType <= 5 ? info.nOutDataType + 1 : 7;
     m_pDataset = TransWorker::OpenInputRaster(m_strInput);
     if (!m_pDataset)
-        return Fail(1, "Failed to open the input file!");
+        return 1;
     if (m_pDataset->GetBandCount() < n)
-        return Fail(1, Tr(kContext, "The component raster has %1 bands; the statistics file needs %2.")
-                           .arg(m_pDataset->GetBandCount())
-                           .arg(n));
+        return 1;
 
     // Zero-filled first: values a short file does not hold stay zero.
     TypedBuffer<double> vectors = NewZeroedSamples<double>(static_cast<long long>(n) * n);
     m_pSum = NewZeroedSamples<double>(n);
     if (!vectors || !m_pSum)
-        return Fail(1, "Apply memory Fail!");
+        return 1;
     m_pStatFile->ReadEigenVectors(vectors.get());
     m_pStatFile->ReadMeans(m_pSum.get());
     // File order into a column-major matrix is the transpose of the stored one.
@@ -547,7 +532,7 @@ int CPCAEngine::InverseDriver(const stInversePCAInfo& info)
                                                                                           m_pSum.get(), info.strFormat);
     });
     m_pStatFile.reset();
-    return matched ? status : Fail(14, "No routine for this pair of input and output pixel types!");
+    return matched ? status : 14;
 }
 
 template <class TIn, class TOut>
@@ -557,10 +542,10 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
     const int n = m_nBands;
     const long long rows = BlockRows();
     if (rows < 1)
-        return Fail(1, kTooWide);
+        return 1;
     RasterPtr raster = CreatePlaced<TOut>(*m_pDataset, output, n, format);
     if (!raster)
-        return Fail(2, "The output file could not be created!");
+        return 2;
     // Component k of a pixel weighs back-rotation column k: weights[k][b] = back(b, k). The mean
     // goes back whatever the forward run subtracted; intended.
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();

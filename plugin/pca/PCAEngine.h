@@ -69,8 +69,6 @@ private:
     int FinishMatrix();
     bool DecomposeAndStore();
     void HandBackEigenValues() const;
-    int Fail(int status, const char* text) const;
-    int Fail(int status, const QString& text) const;
 
     QString m_strInput;
     RasterPtr m_pDataset;

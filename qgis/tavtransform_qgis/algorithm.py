@@ -25,6 +25,9 @@ KINDS = {
     "choice": (_choice, lambda alg, p, c, o: o.choices[alg.parameterAsEnum(p, o.name, c)][0]),
     "flag": (lambda o: QgsProcessingParameterBoolean(o.name, o.label, defaultValue=o.default),
              lambda alg, p, c, o: alg.parameterAsBoolean(p, o.name, c) or None),
+    # A flag whose default is on: its value is always passed, so unticking it reaches the run.
+    "switch": (lambda o: QgsProcessingParameterBoolean(o.name, o.label, defaultValue=o.default),
+               lambda alg, p, c, o: alg.parameterAsBoolean(p, o.name, c)),
     "count": (lambda o: QgsProcessingParameterNumber(o.name, o.label, QgsProcessingParameterNumber.Integer,
                                                      defaultValue=o.default, minValue=0),
               lambda alg, p, c, o: alg.parameterAsInt(p, o.name, c) or None),

@@ -86,8 +86,9 @@ OPTIONS = (
            "use bands 1 to N and write N components"),
     Option("CORRELATION", "corr", "flag", "Use the correlation matrix", False, ("pca",),
            "instead of the covariance matrix, when bands have very different ranges"),
-    Option("CENTER", "center", "flag", "Subtract band means", False, ("pca",),
-           "subtract each band's mean before projecting"),
+    Option("CENTER", "center", "switch", "Subtract band means", True, ("pca",),
+           "subtract each band's mean before projecting, so that the inverse gives the bands back; "
+           "untick for the uncentred rotation"),
     Option("STATISTICS_ONLY", "stats_only", "flag", "Statistics only", False, ("pca",),
            "write the statistics file and the eigenvalue table, no components"),
     Option("QUICKLOOK", "quicklook", "png_out", "Quicklook (PNG)", None, ALL,

@@ -429,3 +429,37 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 } // namespace
+
+namespace {
+
+// A scene replaced under the input's name while a run goes (at its first poll, before any pixel
+// is read) does not reach that run: both directions read every band from the dataset they opened.
+TEST(OneScene, AReplacedInputDoesNotReachARunUnderWay)
+{
+    TempDir dir;
+    const auto first = [](int b, int x, int y) { return 10.0 * b + x * y; };
+    const auto second = [](int b, int x, int y) { return 500.0 - b - x - 3 * y; };
+    for (const bool forward : {true, false}) {
+        const std::string in = forward ? WriteImage(dir, "in.tif", 9, 7, 2, GDT_Float32, first)
+                                       : WriteImage(dir, "in.tif", 9, 7, 4, GDT_Float32, first);
+        WriteImage(dir, "other.tif", 9, 7, forward ? 2 : 4, GDT_Float32, second);
+        const auto record = [&](const std::string& out) {
+            return forward ? ForwardRecord(in, out, {1, 2}) : InverseRecord(in, out, 5);
+        };
+        AlgoHarness clean;
+        ASSERT_TRUE(clean.Run(record(dir.file("clean.tif"))));
+        AlgoHarness h;
+        bool swapped = false;
+        h.algo().Context().SetPollHook([&] {
+            if (!swapped)
+                swapped = std::rename(dir.file("other.tif").c_str(), in.c_str()) == 0;
+        });
+        ASSERT_TRUE(h.Run(record(dir.file("swapped.tif"))));
+        ASSERT_TRUE(swapped);
+        for (int b = 1; b <= (forward ? 4 : 2); ++b)
+            EXPECT_EQ(tavtest::ReadBand(dir.file("swapped.tif"), b), tavtest::ReadBand(dir.file("clean.tif"), b))
+                << (forward ? "forward" : "inverse") << " band " << b;
+    }
+}
+
+} // namespace

@@ -6,8 +6,10 @@
 
 #include <Eigen/Dense>
 #include <QStringList>
+#include <gdal_priv.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <random>
 
 namespace {
@@ -220,6 +222,25 @@ TEST(MNFRuns, InverseTruncatesAndWraps)
         const auto got = ReadBand(dir.file("o.tif"), 1);
         for (size_t p = 0; p < c.size(); ++p)
             EXPECT_TRUE(got[p] == k.want[p] || (std::isnan(got[p]) && std::isnan(k.want[p]))) << k.type << " " << p;
+    }
+}
+
+// Both runs place their output as the input is placed, and leave an unplaced one unplaced.
+TEST(MNFRuns, OutputsCarryTheInputsGeoTransformOnlyWhenItHasOne)
+{
+    TempDir dir;
+    for (const bool placed : {true, false}) {
+        WriteRaster(dir.file("in.tif"), Shape(5, 4, 2, GDT_Float32, placed), [](int b, int x, int y) { return b * 7 + x * y + x; });
+        AlgoHarness h;
+        ASSERT_TRUE(h.Run(Mnf(true, dir.file("in.tif"), dir.file("c.tif"), dir.file("s.sta"))));
+        ASSERT_TRUE(h.Run(Mnf(false, dir.file("c.tif"), dir.file("back.tif"), dir.file("s.sta"))));
+        for (const char* out : {"c.tif", "back.tif"}) {
+            std::unique_ptr<GDALDataset> ds(GDALDataset::Open(dir.file(out).c_str(), GDAL_OF_RASTER));
+            double gt[6];
+            EXPECT_EQ(ds->GetGeoTransform(gt) == CE_None, placed) << out;
+            EXPECT_EQ(placed ? std::vector<double>(gt, gt + 6) : std::vector<double>(),
+                      placed ? std::vector<double>(kTestGeoTransform, kTestGeoTransform + 6) : std::vector<double>()) << out;
+        }
     }
 }
 
