@@ -3,7 +3,7 @@
 //   tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands]
 // "rows" (the default) moves all bands a row at a time; "bands" moves each band whole, one after
 // another, for scale: on pixel-interleaved files that order reads and rewrites every block per band.
-#include "OrvDataSource/DatasetFactory.h"
+#include "OrvDataSource/BlockCache.h"
 
 #include <gdal_priv.h>
 
@@ -49,9 +49,10 @@ int main(int argc, char** argv)
     }
     const bool byBands = argc == 5 && std::strcmp(argv[4], "bands") == 0;
     GDALAllRegister();
-    // The same block cache the host libraries use, so the comparison is of the work, not the cache.
-    if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
-        GDALSetCacheMax64(OrvDataSource::DatasetFactory::kBlockCacheBytes);
+    // The same block cache and decoding threads the host libraries use, so the comparison is of
+    // the work, not the cache.
+    using OrvDataSource::BlockCache;
+    BlockCache::ApplyDefaults();
     GDALDataset* in = GDALDataset::Open(argv[1], GDAL_OF_RASTER | GDAL_OF_READONLY);
     if (!in)
         return 1;
@@ -60,6 +61,8 @@ int main(int argc, char** argv)
     GDALDataset* out = GetGDALDriverManager()->GetDriverByName("GTiff")->Create(argv[2], w, h, nout, GDT_Float32, nullptr);
     if (!out)
         return 1;
+    BlockCache::Hold(in, in);
+    BlockCache::Hold(out, out);
     double gt[6];
     if (in->GetGeoTransform(gt) == CE_None)
         out->SetGeoTransform(gt);

@@ -17,6 +17,8 @@ struct Request {
     std::string warning;      // a conversion the output format makes, said before the run
     std::vector<std::string> outputs; // files the run writes, removed when the host sees it fail
     std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
+    std::vector<std::string> creationOptions; // -co NAME=VALUE, for the raster at creationPath
+    std::string creationPath;
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.

@@ -12,6 +12,7 @@ struct Options {
     std::string sensor = "tm";    // as typed, in any case
     std::string outType = "Float32";
     std::vector<int> bands;   // -b, 1-based, in the order given
+    std::vector<std::string> creationOptions; // -co NAME=VALUE, in the order given
     int components = 0;       // -n, 0 = every band
     bool corr = false;
     bool center = false;

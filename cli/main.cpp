@@ -2,6 +2,7 @@
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "BandNames.h"
 #include "CommandLine.h"
+#include "CreationOptions.h"
 #include "KeptFile.h"
 #include "PluginLoader.h"
 #include "RunReport.h"
@@ -146,6 +147,7 @@ int Run(const Request& req)
         });
     algo->SetProgressSignal(&signal);
     algo->SetParams(req.record);
+    ApplyCreationOptions(req);
 
     bool ok = false;
     // A failed mnf-inverse removes its statistics file by the plug-in's rules; it is the user's input.
