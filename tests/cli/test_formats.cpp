@@ -412,6 +412,8 @@ struct CreationCase {
     std::vector<std::string> co;
     const char* compression; // as GDAL reports it back
     std::pair<int, int> block;
+    std::vector<std::string> run = {"kt", "-sensor", "etm"};
+    int height = 300;
 };
 
 void PrintTo(const CreationCase& c, std::ostream* os) { *os << c.format; }
@@ -424,9 +426,12 @@ TEST_P(CreationOptionsReach, TheFile)
 {
     const CreationCase& c = GetParam();
     TempDir dir;
-    const std::string scene = Scene(dir, 600, 300);
-    ASSERT_EQ(RunCommand({"kt", "-sensor", "etm", scene, dir.file("plain.tif")}).status, 0);
-    std::vector<std::string> words = {"kt", "-sensor", "etm", "-of", c.format};
+    const std::string scene = Scene(dir, 600, c.height);
+    std::vector<std::string> plain = c.run;
+    plain.insert(plain.end(), {scene, dir.file("plain.tif")});
+    ASSERT_EQ(RunCommand(plain).status, 0);
+    std::vector<std::string> words = c.run;
+    words.insert(words.end(), {"-of", c.format});
     for (const auto& o : c.co)
         words.insert(words.end(), {"-co", o});
     const std::string out = dir.file("out.tif");
@@ -450,7 +455,9 @@ INSTANTIATE_TEST_SUITE_P(
         CreationCase{"GTiff", {"TILED=YES", "COMPRESS=DEFLATE", "BLOCKXSIZE=256", "BLOCKYSIZE=128"}, "DEFLATE", {256, 128}},
         CreationCase{"GTiff", {"TILED=YES", "COMPRESS=ZSTD", "INTERLEAVE=BAND"}, "ZSTD", {256, 256}},
         CreationCase{"GTiff", {"COMPRESS=LZW", "BIGTIFF=YES"}, "LZW", {600, 1}},
-        CreationCase{"COG", {"COMPRESS=DEFLATE", "BLOCKSIZE=128"}, "DEFLATE", {128, 128}}),
+        CreationCase{"COG", {"COMPRESS=DEFLATE", "BLOCKSIZE=128"}, "DEFLATE", {128, 128}},
+        // Band after band into an output larger than the cache.
+        CreationCase{"GTiff", {"TILED=YES", "COMPRESS=DEFLATE"}, "DEFLATE", {256, 256}, {"fft"}, 1200}),
     [](const auto& info) { return std::string(info.param.format) + "_" + std::to_string(info.index); });
 
 struct BadOption {
