@@ -4,6 +4,7 @@
 #include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
+#include <algorithm>
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
@@ -133,8 +134,9 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
                     write, GetOutputPath());
 }
 
-// A write a row of output blocks at a time, each finished row going to the file before the next
-// is filled: a large write never floods the cache and pushes out the input's blocks.
+// A write in whole rows of output blocks, about 1 MiB or one row of blocks at a time, each finished
+// row going to the file before the next is filled: a large write never floods the cache and pushes
+// out the input's blocks, and small strips are not written one call each.
 bool RasterDataset::WriteByBlockRows(int x, int y, int w, int h, std::byte* data, int type,
                                      int bandCount, const int* bands, long long pixelSpace, long long lineSpace,
                                      long long bandSpace)
@@ -145,8 +147,10 @@ bool RasterDataset::WriteByBlockRows(int x, int y, int w, int h, std::byte* data
     const long long pixel = pixelSpace ? pixelSpace : GDALGetDataTypeSizeBytes(eType);
     const long long line = lineSpace ? lineSpace : pixel * w;
     const long long band = bandSpace ? bandSpace : line * h;
+    const long long rowBytes = static_cast<long long>(w) * bandCount * GDALGetDataTypeSizeBytes(eType);
+    const int step = bh < 1 ? h : bh * static_cast<int>(std::max(1LL, (1LL << 20) / std::max(1LL, rowBytes * bh)));
     for (int top = y; top < y + h;) {
-        const int rows = std::min(y + h, bh > 0 ? (top / bh + 1) * bh : y + h) - top;
+        const int rows = std::min(y + h, (top / step + 1) * step) - top;
         if (!RecordIO(m_poDS->RasterIO(GF_Write, x, top, w, rows, data + (top - y) * line, w, rows, eType, bandCount,
                                        const_cast<int*>(bands), pixel, line, band, nullptr) == CE_None,
                       true, GetOutputPath()) ||
