@@ -1,10 +1,14 @@
 // tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT and writes
 // OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
-//   tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands]
+//   tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands] [-passes N] [-inbands K] [-co NAME=VALUE]...
 // "rows" (the default) moves all bands a row at a time; "bands" moves each band whole, one after
 // another, for scale: on pixel-interleaved files that order reads and rewrites every block per band.
-#include "OrvDataSource/DatasetFactory.h"
+// -passes N reads the input N - 1 times before the copy, as a run with statistics passes does;
+// -inbands K reads only bands 1..K (a run on chosen bands); -co creates the output with those
+// options, as tavtransform's -co does.
+#include "OrvDataSource/BlockCache.h"
 
+#include <cpl_string.h>
 #include <gdal_priv.h>
 
 #include <cstdio>
@@ -39,33 +43,60 @@ bool CopyByBands(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int n
     return true;
 }
 
+bool ReadByRows(GDALDataset* in, int w, int h, int nin)
+{
+    std::vector<float> row(static_cast<size_t>(w) * nin);
+    for (int y = 0; y < h; ++y)
+        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+            return false;
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc < 4 || argc > 5) {
-        std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands]\n");
+    if (argc < 4) {
+        std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands] [-passes N] [-inbands K] [-co NAME=VALUE]...\n");
         return 2;
     }
-    const bool byBands = argc == 5 && std::strcmp(argv[4], "bands") == 0;
+    bool byBands = false;
+    int passes = 1, inBands = 0;
+    CPLStringList options;
+    for (int i = 4; i < argc; ++i) {
+        if (std::strcmp(argv[i], "bands") == 0)
+            byBands = true;
+        else if (std::strcmp(argv[i], "-passes") == 0 && i + 1 < argc)
+            passes = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "-inbands") == 0 && i + 1 < argc)
+            inBands = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "-co") == 0 && i + 1 < argc)
+            options.AddString(argv[++i]);
+    }
     GDALAllRegister();
-    // The same block cache the host libraries use, so the comparison is of the work, not the cache.
-    if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
-        GDALSetCacheMax64(OrvDataSource::DatasetFactory::kBlockCacheBytes);
+    // The same block cache and decoding threads the host libraries use, so the comparison is of
+    // the work, not the cache.
+    using OrvDataSource::BlockCache;
+    BlockCache::ApplyDefaults();
     GDALDataset* in = GDALDataset::Open(argv[1], GDAL_OF_RASTER | GDAL_OF_READONLY);
     if (!in)
         return 1;
-    const int w = in->GetRasterXSize(), h = in->GetRasterYSize(), nin = in->GetRasterCount();
+    const int w = in->GetRasterXSize(), h = in->GetRasterYSize(), nin = inBands > 0 && inBands < in->GetRasterCount() ? inBands : in->GetRasterCount();
     const int nout = std::atoi(argv[3]);
-    GDALDataset* out = GetGDALDriverManager()->GetDriverByName("GTiff")->Create(argv[2], w, h, nout, GDT_Float32, nullptr);
+    GDALDataset* out = GetGDALDriverManager()->GetDriverByName("GTiff")->Create(argv[2], w, h, nout, GDT_Float32, options.List());
     if (!out)
         return 1;
+    BlockCache::Hold(in, in);
+    BlockCache::Hold(out, out);
     double gt[6];
     if (in->GetGeoTransform(gt) == CE_None)
         out->SetGeoTransform(gt);
     if (const OGRSpatialReference* srs = in->GetSpatialRef())
         out->SetSpatialRef(srs);
-    const bool ok = byBands ? CopyByBands(in, out, w, h, nin, nout) : CopyByRows(in, out, w, h, nin, nout);
+    bool ok = true;
+    for (int p = 1; p < passes && ok; ++p)
+        ok = ReadByRows(in, w, h, nin);
+    ok = ok && (byBands ? CopyByBands(in, out, w, h, nin, nout) : CopyByRows(in, out, w, h, nin, nout));
     GDALClose(out);
     GDALClose(in);
     return ok ? 0 : 1;

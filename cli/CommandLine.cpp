@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include "CreationOptions.h"
 #include "FileChecks.h"
 #include "Options.h"
 #include "PcaStatsCheck.h"
@@ -14,6 +15,8 @@ ParseResult ParseCommandLine(const std::vector<std::string>& args)
     if (parsed.kind != ParseResult::Run)
         return parsed;
     if (std::string problem = CheckFiles(options); !problem.empty())
+        return Usage(problem, options.command);
+    if (std::string problem = CheckCreationOptions(options); !problem.empty())
         return Usage(problem, options.command);
     ParseResult result = BuildRecord(std::move(options));
     if (result.kind == ParseResult::Run)

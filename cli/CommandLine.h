@@ -20,6 +20,8 @@ struct Request {
     std::string quicklook;    // PNG preview of the result to write afterwards; empty for none
     std::vector<GuardedFile> guarded; // every file of the user's the run may touch, kept until its end
     int inputBands = 0;       // INPUT's band count as the file checks found it
+    std::vector<std::string> creationOptions; // -co NAME=VALUE, for the raster at creationPath
+    std::string creationPath;
 };
 
 // Outcome of parsing: run the request, print text and leave with a status, or a usage error.

@@ -112,7 +112,7 @@ std::vector<SideFile> SideFiles(const Options& o)
     if (!o.output.empty()) {
         for (const std::string& f : RasterSideFiles(o.output))
             files.push_back({"'" + f + "', part of the existing OUTPUT,", f, true});
-        for (const std::string& f : DriverSideFiles(o.output, o.format, o.input))
+        for (const std::string& f : DriverSideFiles(o.output, o.format, o.input, o.creationOptions))
             files.push_back({"the side file '" + f + "' of OUTPUT", f, false});
     }
     if (!o.request.quicklook.empty())

@@ -73,6 +73,7 @@ const std::map<std::string, CommandInfo>& Commands()
 const char* kCommonOptions =
     "Common options:\n"
     "  -of FORMAT      output format (GDAL driver short name), default GTiff\n"
+    "  -co NAME=VALUE  creation option of the output format, repeatable (as in gdal_translate)\n"
     "  -q              no progress\n"
     "  -quicklook FILE.png  preview of the result, at most 1024 pixels on the long side\n"
     "  --plugin PATH   plug-in module to load instead of the one installed with this program\n"
@@ -240,6 +241,10 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
             if (i + 1 >= args.size() || (a == "-quicklook" && args[i + 1].empty()))
                 return Usage("option " + a + " needs a value", o.command);
             (a == "-of" ? o.format : a == "-quicklook" ? o.request.quicklook : o.request.pluginPath) = args[++i];
+        } else if (a == "-co") {
+            if (i + 1 >= args.size() || args[i + 1].find('=') == std::string::npos || args[i + 1][0] == '=')
+                return Usage("option -co takes NAME=VALUE", o.command);
+            o.creationOptions.push_back(args[++i]);
         } else if (a.size() > 1 && a[0] == '-') {
             if (!found->second.options.count(a))
                 return Usage("option " + a + " is not an option of '" + o.command + "'", o.command);

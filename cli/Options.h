@@ -14,6 +14,7 @@ struct Options {
     bool unscale = false;     // kt -unscale: each band's scale and offset applied first
     std::string outType = "Float32";
     std::vector<int> bands;   // -b, 1-based, in the order given
+    std::vector<std::string> creationOptions; // -co NAME=VALUE, in the order given
     int components = 0;       // -n, 0 = every band
     bool corr = false;
     bool center = true;       // pca subtracts the band means unless -no-center

@@ -57,7 +57,8 @@ std::string Printable(const std::string& s)
 
 } // namespace
 
-std::vector<std::string> DriverSideFiles(const std::string& output, const std::string& format, const std::string& input)
+std::vector<std::string> DriverSideFiles(const std::string& output, const std::string& format, const std::string& input,
+                                         const std::vector<std::string>& creationOptions)
 {
     // Any driver keeps what it cannot store inside the file in GDAL's own side files.
     std::vector<std::string> files = {output + ".aux.xml", output + ".ovr", output + ".msk"};
@@ -68,6 +69,14 @@ std::vector<std::string> DriverSideFiles(const std::string& output, const std::s
         files.insert(files.end(), {stem + ".prj", stem + ".stx", stem + ".clr"});
     if (IsFormat(format, {"HFA"}))
         files.insert(files.end(), {stem + ".ige", stem + ".rrd"});
+    // TFW=YES (GTiff) and WORLDFILE=YES (PNG, JPEG and the like) write a world file beside it.
+    for (const std::string& option : creationOptions)
+        if (strncasecmp(option.c_str(), "TFW=", 4) == 0 || strncasecmp(option.c_str(), "WORLDFILE=", 10) == 0) {
+            const std::string value = option.substr(option.find('=') + 1);
+            if (strcasecmp(value.c_str(), "NO") != 0 && strcasecmp(value.c_str(), "FALSE") != 0 &&
+                strcasecmp(value.c_str(), "OFF") != 0 && value != "0")
+                files.insert(files.end(), {stem + ".tfw", stem + ".wld", stem + ".pgw", stem + ".jgw"});
+        }
     // The RPC side file is copied under the output's stem with the suffix the input's has.
     for (const char* suffix : {".RPB", ".rpb", "_rpc.txt", "_RPC.TXT"})
         if (Present(Stem(input) + suffix))

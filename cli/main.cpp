@@ -2,6 +2,7 @@
 // does, runs it with progress on stderr, and turns Ctrl-C into Terminate.
 #include "BandNames.h"
 #include "CommandLine.h"
+#include "CreationOptions.h"
 #include "KeptFiles.h"
 #include "PluginLoader.h"
 #include "RunReport.h"
@@ -160,6 +161,7 @@ int Run(const Request& req)
         });
     algo->SetProgressSignal(&signal);
     algo->SetParams(req.record);
+    ApplyCreationOptions(req);
 
     // What cannot end well is refused before anything of the user's is touched.
     if (const StatsVerdict before = CheckStatisticsRead(req); before.status != kOk)

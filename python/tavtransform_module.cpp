@@ -2,6 +2,7 @@
 // plug-in loaded the same way, numpy arrays in and out through GDAL's in-memory files.
 #include "BandNames.h"
 #include "CommandLine.h"
+#include "CreationOptions.h"
 #include "Options.h"
 #include "PluginLoader.h"
 #include "Records.h"
@@ -115,6 +116,7 @@ py::object Execute(const Request& req, const py::object& progress)
     algo->SetParams(req.record);
     if (!req.warning.empty() && PyErr_WarnEx(PyExc_UserWarning, req.warning.c_str(), 1) != 0)
         throw py::error_already_set();
+    ApplyCreationOptions(req);
     bool ok = false;
     OrvDataSource::ClearGdalError();
     {
@@ -354,7 +356,8 @@ PYBIND11_MODULE(tavtransform, m)
     m.def("run", &Run, py::arg("command"), py::arg("input"), py::arg("output") = py::none(),
           py::arg("progress") = py::none(),
           "run(command, input, output=None, progress=None, **options): one tavtransform command.\n"
-          "Options are the command line's without the dash (sensor='etm', b=[1, 4], ot='Int16', corr=True).\n"
+          "Options are the command line's without the dash (sensor='etm', b=[1, 4], ot='Int16', corr=True,\n"
+          "co=['TILED=YES', 'COMPRESS=DEFLATE']).\n"
           "Returns the output path, or for pca with stats_only=True the eigenvalue table as\n"
           "(component, eigenvalue, percent, cumulative percent) tuples. Raises tavtransform.Error\n"
           "(.code, .text) when the run fails; progress(percent, message) returning False cancels and raises\n"

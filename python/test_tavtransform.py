@@ -49,6 +49,20 @@ class Runs(unittest.TestCase):
         eigen = np.sort(np.linalg.eigvalsh(np.cov(read(SAMPLE)[0].reshape(6, -1).astype(float), bias=True)))[::-1]
         np.testing.assert_allclose([row[1] for row in table], eigen, rtol=1e-6)
 
+    def test_creation_options_reach_the_output_and_bad_ones_are_refused(self):
+        scene, out = self.path("scene.tif"), self.path("o.tif")
+        gdal.GetDriverByName("GTiff").Create(scene, 300, 200, 6, gdal.GDT_UInt16).WriteArray(
+            np.resize(np.arange(997, dtype=np.uint16), (6, 200, 300)))
+        tavtransform.run("kt", scene, out, sensor="etm", co=["TILED=YES", "COMPRESS=ZSTD", "BLOCKXSIZE=128", "BLOCKYSIZE=64"])
+        ds = gdal.Open(out)
+        self.assertEqual(ds.GetMetadataItem("COMPRESSION", "IMAGE_STRUCTURE"), "ZSTD")
+        self.assertEqual(ds.GetRasterBand(1).GetBlockSize(), [128, 64])
+        ds = None
+        with self.assertRaises(ValueError) as caught:
+            tavtransform.run("kt", scene, self.path("bad.tif"), sensor="etm", co=["COMPRESS=NOPE"])
+        self.assertIn("NOPE", str(caught.exception))
+        self.assertFalse(os.path.exists(self.path("bad.tif")))
+
     def test_failures_and_cancellation_raise_and_leave_no_output(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")
         gdal.GetDriverByName("GTiff").Create(scene, 2000, 1500, 5).WriteArray(np.resize(np.arange(251, dtype=np.uint8), (5, 1500, 2000)))

@@ -1,4 +1,5 @@
 #include "OrvDataSource/DatasetFactory.h"
+#include "OrvDataSource/BlockCache.h"
 #include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
@@ -72,15 +73,67 @@ QString TryCopy(GDALDriver* driver, int bands, PixelDataType type, QString* warn
     return copy ? QString() : kept.failure;
 }
 
+struct CreationOptions {
+    QString path;
+    QStringList options;
+};
+
+CreationOptions& KeptCreationOptions()
+{
+    static CreationOptions kept;
+    return kept;
+}
+
+bool SamePath(const QString& a, const QString& b)
+{
+    return a == b || (!a.isEmpty() && QFileInfo(a).absoluteFilePath() == QFileInfo(b).absoluteFilePath());
+}
+
+CPLStringList ToCPL(const QStringList& options)
+{
+    CPLStringList list;
+    for (const QString& o : options)
+        list.AddString(o.toUtf8().constData());
+    return list;
+}
+
 } // namespace
+
+void DatasetFactory::SetCreationOptions(const QString& path, const QStringList& options)
+{
+    KeptCreationOptions() = {options.isEmpty() ? QString() : path, options};
+}
+
+QStringList DatasetFactory::CreationOptionsFor(const QString& path)
+{
+    const CreationOptions& kept = KeptCreationOptions();
+    return !kept.options.isEmpty() && SamePath(kept.path, path) ? kept.options : QStringList();
+}
+
+QString DatasetFactory::CreationOptionsProblem(const QString& format, const QStringList& options) const
+{
+    for (const QString& o : options)
+        if (o.indexOf('=') < 1)
+            return QStringLiteral("'%1' is not NAME=VALUE").arg(o);
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.toUtf8().constData());
+    if (!driver || options.isEmpty())
+        return {};
+    ProbeMessages kept;
+    CPLPushErrorHandlerEx(KeepProbeMessage, &kept);
+    const CPLStringList list = ToCPL(options);
+    const bool valid = GDALValidateCreationOptions(GDALDriver::ToHandle(driver), list.List()) != FALSE;
+    CPLPopErrorHandler();
+    if (valid && kept.warning.isEmpty())
+        return {};
+    return kept.warning.isEmpty() ? (kept.failure.isEmpty() ? QStringLiteral("GDAL refused them") : kept.failure)
+                                  : kept.warning;
+}
 
 DatasetFactory::DatasetFactory()
 {
     InstallGdalErrorHandler();
     GDALAllRegister();
-    // GDAL_CACHEMAX, when the user sets it, wins as in every GDAL tool.
-    if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr))
-        GDALSetCacheMax64(kBlockCacheBytes);
+    BlockCache::ApplyDefaults();
 }
 
 DatasetFactory* DatasetFactory::Instance()
@@ -130,6 +183,9 @@ OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(const QStr
                  Native(path).constData());
         return nullptr;
     }
+    CPLStringList kept = ToCPL(options ? QStringList() : CreationOptionsFor(path));
+    if (!options && !kept.empty())
+        options = kept.List();
     if (DriverCanCreate(driver)) {
         GDALDataset* poDS = driver->Create(Native(path).constData(), xSize, ySize, bandCount, eType, options);
         return poDS ? new RasterDataset(poDS, path) : nullptr;
@@ -145,7 +201,7 @@ OrvUtility::_ptr_t<RasterDataset> DatasetFactory::CreateRasterDataset(const QStr
     if (!poDS)
         return nullptr;
     OrvUtility::_ptr_t<RasterDataset> ds = new RasterDataset(poDS, tmp);
-    ds->CopyOnRelease(path, format);
+    ds->CopyOnRelease(path, format, options);
     return ds;
 }
 

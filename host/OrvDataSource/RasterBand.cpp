@@ -43,9 +43,10 @@ bool RasterBand::BlockIO(bool write, int x, int y, int w, int h, void* data, int
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data)
         return false;
-    return RecordIO(m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, pixelSpace,
-                                       lineSpace, nullptr) == CE_None,
-                    write, m_owner->GetOutputPath());
+    const bool ok = RecordIO(m_poBand->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType,
+                                                pixelSpace, lineSpace, nullptr) == CE_None,
+                             write, m_owner->GetOutputPath());
+    return write && ok ? m_owner->NoteWritten(x, y, w, h, 1) : ok;
 }
 
 } // namespace OrvDataSource

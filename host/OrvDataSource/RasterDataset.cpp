@@ -1,19 +1,30 @@
 #include "OrvDataSource/RasterDataset.h"
+#include "OrvDataSource/BlockCache.h"
 #include "OrvDataSource/GdalErrors.h"
 #include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
+#include <algorithm>
+#include <cpl_string.h>
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
 
-RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path) {}
+RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path)
+{
+    BlockCache::Hold(this, poDS);
+}
 
 RasterDataset::~RasterDataset()
 {
-    if (m_strCopyTarget.isEmpty())
+    if (m_strCopyTarget.isEmpty()) {
+        // Closed before its share of the cache goes, so its blocks are flushed whole.
+        CloseGDAL(m_strPath);
+        BlockCache::Release(this);
         return;
+    }
     CloseGDAL(m_strCopyTarget);
+    BlockCache::Release(this);
     CopyToTarget();
     GDALDeleteDataset(nullptr, m_strPath.toUtf8().constData());
     QFile::remove(m_strPath);
@@ -25,7 +36,10 @@ void RasterDataset::CopyToTarget()
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(m_strCopyDriver.toUtf8().constData());
     GDALDataset* src = GDALDataset::Open(m_strPath.toUtf8().constData(), GDAL_OF_RASTER | GDAL_OF_READONLY);
     const int before = GdalFailureCount();
-    GDALDataset* copy = driver && src ? driver->CreateCopy(target.constData(), src, FALSE, nullptr, nullptr, nullptr)
+    CPLStringList options;
+    for (const QString& o : m_copyOptions)
+        options.AddString(o.toUtf8().constData());
+    GDALDataset* copy = driver && src ? driver->CreateCopy(target.constData(), src, FALSE, options.List(), nullptr, nullptr)
                                       : nullptr;
     if (copy)
         GDALClose(GDALDataset::ToHandle(copy));
@@ -118,9 +132,44 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
         return false;
+    if (write && bufW == w && bufH == h)
+        return WriteByBlockRows(x, y, w, h, static_cast<std::byte*>(data), eType, bandCount, bands, pixelSpace,
+                                lineSpace, bandSpace);
     return RecordIO(m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
                                      const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None,
                     write, GetOutputPath());
+}
+
+// A write in whole rows of output blocks, about 1 MiB or one row of blocks at a time, each finished
+// row going to the file before the next is filled: a large write never floods the cache and pushes
+// out the input's blocks, and small strips are not written one call each.
+bool RasterDataset::WriteByBlockRows(int x, int y, int w, int h, std::byte* data, int type,
+                                     int bandCount, const int* bands, long long pixelSpace, long long lineSpace,
+                                     long long bandSpace)
+{
+    const auto eType = static_cast<GDALDataType>(type);
+    int bw = 0, bh = 0;
+    m_poDS->GetRasterBand(bands[0])->GetBlockSize(&bw, &bh);
+    const long long pixel = pixelSpace ? pixelSpace : GDALGetDataTypeSizeBytes(eType);
+    const long long line = lineSpace ? lineSpace : pixel * w;
+    const long long band = bandSpace ? bandSpace : line * h;
+    const long long rowBytes = static_cast<long long>(w) * bandCount * GDALGetDataTypeSizeBytes(eType);
+    const int step = bh < 1 ? h : bh * static_cast<int>(std::max(1LL, (1LL << 20) / std::max(1LL, rowBytes * bh)));
+    for (int top = y; top < y + h;) {
+        const int rows = std::min(y + h, (top / step + 1) * step) - top;
+        if (!RecordIO(m_poDS->RasterIO(GF_Write, x, top, w, rows, data + (top - y) * line, w, rows, eType, bandCount,
+                                       const_cast<int*>(bands), pixel, line, band, nullptr) == CE_None,
+                      true, GetOutputPath()) ||
+            !NoteWritten(x, top, w, rows, bandCount))
+            return false;
+        top += rows;
+    }
+    return true;
+}
+
+bool RasterDataset::NoteWritten(int x, int y, int w, int h, int bands)
+{
+    return RecordIO(m_finished.Note(m_poDS, x, y, w, h, bands), true, GetOutputPath());
 }
 
 bool RasterDataset::SetGeoTransform(const double* gt)
@@ -128,10 +177,13 @@ bool RasterDataset::SetGeoTransform(const double* gt)
     return m_poDS->SetGeoTransform(const_cast<double*>(gt)) == CE_None;
 }
 
-void RasterDataset::CopyOnRelease(const QString& target, const QString& driver)
+void RasterDataset::CopyOnRelease(const QString& target, const QString& driver, char** options)
 {
     m_strCopyTarget = target;
     m_strCopyDriver = driver;
+    m_copyOptions.clear();
+    for (char** p = options; p && *p; ++p)
+        m_copyOptions << QString::fromUtf8(*p);
 }
 
 } // namespace OrvDataSource

@@ -1,9 +1,11 @@
 #pragma once
+#include "OrvDataSource/BlockCache.h"
 #include "OrvDataSource/Dataset.h"
 #include "OrvDataSource/PixelBuffer.h"
 #include "OrvDataSource/RasterBand.h"
 #include "OrvDataSource/SpatialReference.h"
 
+#include <cstddef>
 #include <vector>
 
 namespace OrvDataSource {
@@ -42,19 +44,26 @@ public:
                                 long long pixelSpace, long long lineSpace, long long bandSpace);
 
     // Formats GDAL can only copy into: the pixels go to a temporary GTiff that is copied to
-    // `target` with `driver` when the last handle is released.
-    void CopyOnRelease(const QString& target, const QString& driver);
+    // `target` with `driver` and its creation `options` when the last handle is released.
+    void CopyOnRelease(const QString& target, const QString& driver, char** options = nullptr);
     // The path the user asked for (differs from GetPath() while a copy is pending).
     QString GetOutputPath() const { return m_strCopyTarget.isEmpty() ? m_strPath : m_strCopyTarget; }
+    // A window of `bands` bands was written (through the dataset or one of its bands): rows of
+    // blocks now complete go to the file. False when that write failed (it is recorded).
+    bool NoteWritten(int x, int y, int w, int h, int bands);
 
 private:
     void CopyToTarget();
+    bool WriteByBlockRows(int x, int y, int w, int h, std::byte* data, int eType, int bandCount,
+                          const int* bands, long long pixelSpace, long long lineSpace, long long bandSpace);
     bool RasterIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
                   PixelDataType type, int bandCount, const int* bands,
                   long long pixelSpace, long long lineSpace, long long bandSpace);
 
     QString m_strCopyTarget;
     QString m_strCopyDriver;
+    QStringList m_copyOptions;
+    FinishedBlocks m_finished;
 };
 
 } // namespace OrvDataSource

@@ -47,6 +47,18 @@ BandNumbers ToBandNumbers(const BandIndices& indices)
     return bands;
 }
 
+bool ReadBandRows(RasterDataset& in, int x0, int cols, int y, int rows, const BandNumbers& bands, int type,
+                  void* buffer, SampleOrder order)
+{
+    const int n = static_cast<int>(bands.size());
+    const long long bytes = BytesPerSample(type);
+    const PixelMajor space = order == SampleOrder::PixelMajor
+                                 ? PixelMajorSpacing(n, cols, static_cast<int>(bytes))
+                                 : PixelMajor{bytes, cols * bytes, static_cast<long long>(rows) * cols * bytes};
+    return in.ReadRasterInto(x0, y, cols, rows, buffer, cols, rows, static_cast<PixelDataType>(type), n, bands.data(),
+                             space.pixel, space.line, space.band);
+}
+
 void ShiftOrigin(double gt[6], double dx, double dy)
 {
     const double ox = gt[0] + dx * gt[1] + dy * gt[2];

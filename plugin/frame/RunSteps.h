@@ -145,6 +145,19 @@ inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
     return {static_cast<long long>(n) * bytes, static_cast<long long>(n) * width * bytes, bytes};
 }
 
+// ---- reading rows of bands ----
+
+// How the samples of several bands lie in a read buffer.
+enum class SampleOrder {
+    PixelMajor,    // the bands of a pixel side by side
+    BandAfterBand, // all rows of one band, then the next: GDAL's cheapest way out of any file
+};
+
+// Rows [y, y + rows) of columns [x0, x0 + cols) of `bands` into `buffer`, converted to `type`; the
+// one read every run's pass makes. False when GDAL failed (the buffer's content is then GDAL's).
+bool ReadBandRows(OrvDataSource::RasterDataset& in, int x0, int cols, int y, int rows, const BandNumbers& bands,
+                  int type, void* buffer, SampleOrder order);
+
 // ---- placing an output on its input ----
 
 // Moves the origin of a geo-transform by (dx, dy) pixels.

@@ -148,13 +148,9 @@ private:
     // as if the buffer had been cleared.
     void ReadBands(int y, int count, T* raw) const
     {
-        const int w = m_run.width;
-        const long long samples = count * m_run.RowSamples();
-        if (!m_run.in->ReadRasterInto(m_run.sel.window.x0, y, w, count, raw, w, count,
-                                      static_cast<PixelDataType>(m_run.type), m_run.n, m_run.sel.bands.data(),
-                                      sizeof(T), static_cast<long long>(w) * sizeof(T),
-                                      static_cast<long long>(count) * w * sizeof(T)))
-            ClearTypedBuffer(raw, m_run.type, samples);
+        if (!ReadBandRows(*m_run.in, m_run.sel.window.x0, m_run.width, y, count, m_run.sel.bands, m_run.type, raw,
+                          SampleOrder::BandAfterBand))
+            ClearTypedBuffer(raw, m_run.type, count * m_run.RowSamples());
     }
 
     MNFForwardRun& m_run;

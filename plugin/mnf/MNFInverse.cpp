@@ -69,15 +69,13 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     if (!pipe.Ready())
         return Fail(kMNFContext, "Apply memory Fail!");
     const BandNumbers outBands = AllBandNumbers(n);
-    const PixelMajor inSpace = PixelMajorSpacing(n, width, sizeof(float));
     const PixelMajor outSpace = PixelMajorSpacing(n, width, sizeof(T));
     const bool whole = pipe.Stream(blocks.Count(), [&](int index) {
         const RowBlock block = blocks[index];
         float* in = components[index % kSlots].get();
         // A failed read counts as zeros rather than whatever the buffer held.
-        if (!run.in->ReadRasterInto(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows, in, width,
-                                    block.rows, PDT_Float32, n, run.sel.bands.data(), inSpace.pixel, inSpace.line,
-                                    inSpace.band))
+        if (!ReadBandRows(*run.in, run.sel.window.x0, width, run.sel.window.y0 + block.first, block.rows,
+                          run.sel.bands, PDT_Float32, in, SampleOrder::PixelMajor))
             ClearTypedBuffer(in, PDT_Float32, block.rows * rowSamples);
         return true;
     }, [&](int index) {

@@ -47,22 +47,16 @@ OrvUtility::_ptr_t<RasterDataset> CreatePlaced(RasterDataset& in, const QString&
 template <class T>
 bool ReadRows(RasterDataset& in, int first, int rows, int bands, T* buffer)
 {
-    const int width = in.GetRasterXSize();
-    const BandNumbers numbers = AllBandNumbers(bands);
-    const PixelMajor space = PixelMajorSpacing(bands, width, sizeof(T));
-    return in.ReadRasterInto(0, first, width, rows, buffer, width, rows, static_cast<PixelDataType>(PixelTypeOf<T>()),
-                             bands, numbers.data(), space.pixel, space.line, space.band);
+    return ReadBandRows(in, 0, in.GetRasterXSize(), first, rows, AllBandNumbers(bands), PixelTypeOf<T>(), buffer,
+                        SampleOrder::PixelMajor);
 }
 
-// A chunk of bands 1..bands, band after band: GDAL's cheapest way out of a pixel-interleaved file.
+// A chunk of bands 1..bands, band after band.
 template <class T>
 bool ReadChunk(RasterDataset& in, const PcaChunk& c, int bands, T* buffer)
 {
-    const long long cols = c.cols;
-    const BandNumbers numbers = AllBandNumbers(bands);
-    return in.ReadRasterInto(c.x0, c.first, c.cols, c.rows, buffer, c.cols, c.rows,
-                             static_cast<PixelDataType>(PixelTypeOf<T>()), bands, numbers.data(), sizeof(T),
-                             cols * sizeof(T), c.rows * cols * sizeof(T));
+    return ReadBandRows(in, c.x0, c.cols, c.first, c.rows, AllBandNumbers(bands), PixelTypeOf<T>(), buffer,
+                        SampleOrder::BandAfterBand);
 }
 
 // A chunk's pixel-major values of bands 1..bands.

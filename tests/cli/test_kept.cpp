@@ -115,6 +115,7 @@ protected:
         WriteDoubles(d.file("pnan.sta"), PcaStats(4, {1, NAN, 3, 4}, identity));
         WriteDoubles(d.file("psing.sta"), PcaStats(4, {1, 2, 3, 4}, repeated));
         WriteText(d.file("o.tif"), "the user's earlier result");
+        WriteText(d.file("o.tfw"), "the user's earlier world file");
         chmod(d.file("o.tif").c_str(), 0640);
         WriteText(d.file("old.sta"), "someone else's statistics");
         chmod(d.file("old.sta").c_str(), 0444);
@@ -150,6 +151,7 @@ TEST_F(Kept, RefusedAndFailedRunsLeaveEveryFileAsItWas)
         {{"kt", "-of", "ENVI", "in.img", "in.bsq"}, 2, "side file 'in.hdr' of OUTPUT is the same file as"},
         {{"pca", "-of", "ENVI", "-stats", "o.hdr", "in.tif", "o.img"}, 2, "side file 'o.hdr' of OUTPUT are the same"},
         {{"pca", "-of", "ENVI", "-stats", "o.img.aux.xml", "in.tif", "o.img"}, 2, "side file 'o.img.aux.xml'"},
+        {{"mnf", "-co", "TFW=YES", "-stats", "s.sta", "trunc.tif", "o.tif"}, 1, "TIFFReadEncodedStrip() failed"},
         // Names that would not reach the transforms unchanged.
         {{"kt", "x\xef\xbf\xbd.tif", "x\xff.tif"}, 2, "'x\\xff.tif' is not valid UTF-8"},
         // Runs that cannot work, with an existing OUTPUT.
