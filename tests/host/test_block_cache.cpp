@@ -20,6 +20,7 @@ constexpr long long kMiB = 1024 * 1024;
 std::string Make(const TempDir& dir, const std::string& name, int bands, std::vector<const char*> options,
                  int width = 1000)
 {
+    DatasetFactory::Instance(); // registers the drivers
     options.push_back(nullptr);
     const std::string path = dir.file(name);
     GDALDataset* ds = GetGDALDriverManager()->GetDriverByName("GTiff")->Create(
