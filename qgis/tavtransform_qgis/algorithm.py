@@ -7,7 +7,8 @@ from qgis.core import (QgsProcessingAlgorithm, QgsProcessingException, QgsProces
                        QgsProcessingParameterBand, QgsProcessingParameterBoolean, QgsProcessingParameterEnum,
                        QgsProcessingParameterFile, QgsProcessingParameterFileDestination,
                        QgsProcessingParameterNumber, QgsProcessingParameterRasterDestination,
-                       QgsProcessingParameterRasterLayer, QgsRasterFileWriter)
+                       QgsProcessingParameterRasterLayer, QgsProcessingParameterString,
+                       QgsRasterFileWriter)
 
 from . import runner
 from .tables import command, options_of
@@ -41,6 +42,10 @@ KINDS = {
     "csv_in": (lambda o: QgsProcessingParameterFile(o.name, o.label, fileFilter="CSV files (*.csv);;All files (*)",
                                                     optional=True),
                lambda alg, p, c, o: alg.parameterAsFile(p, o.name, c) or None),
+    # GDAL creation options as Processing's GDAL tools take them: NAME=VALUE entries joined by '|'.
+    "creation": (lambda o: QgsProcessingParameterString(o.name, o.label, optional=True),
+                 lambda alg, p, c, o: [e.strip() for e in alg.parameterAsString(p, o.name, c).split("|") if e.strip()]
+                 or None),
     "png_out": (lambda o: QgsProcessingParameterFileDestination(o.name, o.label, "PNG files (*.png)",
                                                                 optional=True, createByDefault=False),
                 lambda alg, p, c, o: alg.parameterAsFileOutput(p, o.name, c) or None),

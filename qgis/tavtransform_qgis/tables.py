@@ -91,6 +91,9 @@ OPTIONS = (
            "untick for the uncentred rotation"),
     Option("STATISTICS_ONLY", "stats_only", "flag", "Statistics only", False, ("pca",),
            "write the statistics file and the eigenvalue table, no components"),
+    Option("CREATION_OPTIONS", "co", "creation", "Creation options (NAME=VALUE|NAME=VALUE)", None,
+           ALL,
+           "the output format's creation options, e.g. TILED=YES|COMPRESS=DEFLATE"),
     Option("QUICKLOOK", "quicklook", "png_out", "Quicklook (PNG)", None, ALL,
            "a preview of the result, at most 1024 pixels on the long side"),
 )

@@ -99,7 +99,7 @@ class SameFilesAsTheCommandLine(Tmp):
         ("mnf_inverse", {"STATISTICS": "cli/mnf.sta"}, ["mnf-inverse", "-stats", "cli/mnf.sta"], "mnf"),
         ("fft", {"BANDS": [4, 1]}, ["fft", "-b", "4", "-b", "1"], None),
         ("fft_inverse", {}, ["fft-inverse", "-ot", "Float32"], "fft"),
-        ("dwt", {}, ["dwt"], None),
+        ("dwt", {"CREATION_OPTIONS": "TILED=YES|COMPRESS=DEFLATE"}, ["dwt", "-co", "TILED=YES", "-co", "COMPRESS=DEFLATE"], None),
         ("dwt_inverse", {}, ["dwt-inverse"], "dwt"),
     ]
     FILE_OPTIONS = ("STATISTICS", "QUICKLOOK")
