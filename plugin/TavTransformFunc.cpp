@@ -1,4 +1,5 @@
 #include "TavTransformFunc.h"
+#include "frame/MaskRecords.h"
 #include "frame/PCARecords.h"
 #include "frame/RunSteps.h"
 #include "frame/stTransInfo.h"
@@ -55,6 +56,8 @@ bool TavTransformFunc::Execute()
         return ExecuteForwardPCA();
     if (m_params.type() == typeid(stInversePCAInfo))
         return ExecuteInversePCA();
+    if (m_params.type() == typeid(stMaskedTransInfo))
+        return ExecuteMaskedTransInfo();
     return ExecuteTransInfo();
 }
 
@@ -169,13 +172,18 @@ bool TavTransformFunc::RunTasseledCap(const stTransInfo& info)
     KTTransformFunc worker(m_context);
     const bool ok = worker.Run(info.strInputFile, info.strOutputFile, info.strFormat, info.nSensorType, kWholeImage,
                                kWholeImage, kWholeImage, kWholeImage);
+    return FinishTasseledCap(ok, worker.ErrorText(), info.strOutputFile);
+}
+
+bool TavTransformFunc::FinishTasseledCap(bool ok, const QString& workerText, const QString& output)
+{
     if (!ok) {
         // The worker may have set 1, 2 or -1010 already; a code left by an earlier run stays too.
         if (m_nErrorCode == 0)
             m_nErrorCode = 1;
-        m_strErrorText = worker.ErrorText();
+        m_strErrorText = workerText;
         if (CancelRequested())
-            RemoveFile(info.strOutputFile);
+            RemoveFile(output);
     }
     return ok;
 }

@@ -1,0 +1,32 @@
+// Execute's branches for the masked records; the unmasked records never come here.
+#include "TavTransformFunc.h"
+#include "frame/MaskRecords.h"
+#include "kt/KTMasked.h"
+
+#include <QCoreApplication>
+
+bool TavTransformFunc::ExecuteMaskedTransInfo()
+{
+    const stMaskedTransInfo masked = boost::any_cast<stMaskedTransInfo>(m_params);
+    Report(0);
+    bool ok = false;
+    if (masked.info.nTransType == 4) {
+        ok = RunMaskedTasseledCap(masked);
+    } else {
+        m_nErrorCode = 1;
+        m_strErrorText = QCoreApplication::translate(
+            "TavTransformFunc", "No-data masking is not available for this transform yet; run it without masks.");
+    }
+    if (CancelRequested() && !ok)
+        m_nErrorCode = -1010;
+    Report(100);
+    return ok;
+}
+
+bool TavTransformFunc::RunMaskedTasseledCap(const stMaskedTransInfo& masked)
+{
+    const stTransInfo& info = masked.info;
+    KTMaskedTransformFunc worker(m_context);
+    const bool ok = worker.Run(info.strInputFile, info.strOutputFile, info.strFormat, info.nSensorType, masked.mask);
+    return FinishTasseledCap(ok, worker.ErrorText(), info.strOutputFile);
+}

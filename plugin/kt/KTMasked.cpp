@@ -1,0 +1,58 @@
+#include "kt/KTMasked.h"
+#include "frame/Mask.h"
+
+#include <memory>
+#include <vector>
+
+using namespace OrvDataSource;
+
+namespace {
+
+class MaskedRows : public KTRowHook {
+public:
+    explicit MaskedRows(const stMaskInfo& info) : m_info(info), m_value(static_cast<float>(OutputNoData(info, PDT_Float32))) {}
+
+    void Begin(RasterDataset& in, const BandNumbers& bands, const PixelWindow& win) override
+    {
+        m_mask = std::make_unique<RunMask>(in, bands, m_info);
+        m_win = win;
+        m_valid.assign(static_cast<std::size_t>(win.width), 1);
+    }
+    void Row(int r) override
+    {
+        if (m_mask->Active())
+            m_rowMasked = m_mask->Read(m_win.x0, m_win.y0 + r, m_win.width, 1, m_valid.data());
+        m_masked += m_rowMasked;
+    }
+    void Component(float* row, int width) override
+    {
+        if (m_rowMasked)
+            FillMasked(m_valid.data(), width, row, 1, m_value);
+    }
+    // Declared only where something was masked: otherwise the output stays the unmasked run's.
+    void End(RasterDataset& out, int components) override
+    {
+        if (m_masked == 0)
+            return;
+        for (int k = 0; k < components; ++k)
+            out.GetRasterBand(k)->SetNoDataValue(m_value);
+    }
+
+private:
+    const stMaskInfo& m_info;
+    float m_value;
+    std::unique_ptr<RunMask> m_mask;
+    PixelWindow m_win;
+    std::vector<uint8_t> m_valid;
+    long long m_rowMasked = 0;
+    long long m_masked = 0;
+};
+
+} // namespace
+
+bool KTMaskedTransformFunc::Run(const QString& input, const QString& output, const QString& format, int sensor,
+                                const stMaskInfo& mask)
+{
+    MaskedRows hook(mask);
+    return RunWith(input, output, format, sensor, kWholeImage, kWholeImage, kWholeImage, kWholeImage, &hook);
+}
