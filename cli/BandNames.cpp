@@ -1,5 +1,6 @@
 #include "BandNames.h"
 
+#include "MaskOptions.h"
 #include "Quicklook.h"
 
 #include <cpl_error.h>
@@ -25,7 +26,8 @@ RecordFields Files(const Record& r)
 RecordFields Fields(const Request& req)
 {
     RecordFields f;
-    if (const auto* t = boost::any_cast<stTransInfo>(&req.record)) {
+    const boost::any seed = SeedOf(req.record);
+    if (const auto* t = boost::any_cast<stTransInfo>(&seed)) {
         f = Files(*t);
         if (req.command == "kt")
             f.options = std::string("-sensor ") + SensorName(t->nSensorType);
@@ -34,7 +36,7 @@ RecordFields Fields(const Request& req)
                 f.options += (f.options.empty() ? "-b " : " -b ") + std::to_string(b);
         else if (req.command == "fft-inverse")
             f.options = std::string("-ot ") + PixelTypeNameAt(t->nOutDataType);
-    } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&req.record)) {
+    } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&seed)) {
         f = Files(*p);
         f.options = std::string("-ot ") + PixelTypeNameAt(p->nOutDataType);
         if (p->nComponents > 0)
@@ -45,7 +47,7 @@ RecordFields Fields(const Request& req)
             f.options += " -center";
         if (req.statsOnly)
             f.options += " -stats-only";
-    } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record)) {
+    } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&seed)) {
         f = Files(*i);
         f.options = std::string("-ot ") + PixelTypeNameAt(i->nOutDataType);
     }

@@ -93,8 +93,8 @@ std::string GeneralHelp()
 std::string CommandHelp(const std::string& name)
 {
     const CommandInfo& info = Commands().at(name);
-    return std::string("Usage: tavtransform ") + info.usage + "\n" + info.summary + "\n\n" + info.details + "\n" +
-           kCommonOptions;
+    return std::string("Usage: tavtransform ") + info.usage + "\n" + info.summary + "\n\n" + info.details +
+           (TakesMaskOptions(name) ? kMaskHelp : "") + "\n" + kCommonOptions;
 }
 
 const char* const kPixelTypes[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
@@ -155,6 +155,12 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
         o.center = true;
     } else if (a == "-stats-only") {
         o.request.statsOnly = true;
+    } else if (a == "-srcnodata" || a == "-dstnodata") {
+        if (!value(v))
+            return "option " + a + " needs a value";
+        return TakeMaskOption(a, v, o.mask);
+    } else if (a == "-nomask") {
+        return TakeMaskOption(a, {}, o.mask);
     }
     return {};
 }
@@ -222,7 +228,8 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
                 return Usage("option " + a + " needs a value", o.command);
             (a == "-of" ? o.format : a == "-quicklook" ? o.request.quicklook : o.request.pluginPath) = args[++i];
         } else if (a.size() > 1 && a[0] == '-') {
-            if (!found->second.options.count(a))
+            const bool maskOption = a == "-srcnodata" || a == "-dstnodata" || a == "-nomask";
+            if (!found->second.options.count(a) && !(maskOption && TakesMaskOptions(o.command)))
                 return Usage("option " + a + " is not an option of '" + o.command + "'", o.command);
             if (std::string problem = TakeOption(args, i, o); !problem.empty())
                 return Usage(problem, o.command);

@@ -81,6 +81,11 @@ ParseResult BuildRecord(Options o)
     } else {
         o.request.record = TransRecord(o);
     }
+    if (TakesMaskOptions(o.command)) {
+        if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands); !problem.empty())
+            return Usage(problem, o.command);
+        o.request.record = MaskedRecord(o.request.record, o.mask);
+    }
     ParseResult result;
     result.kind = ParseResult::Run;
     result.request = std::move(o.request);

@@ -124,6 +124,12 @@ std::vector<std::string> Words(const std::string& command, const py::kwargs& opt
         std::string flag = key.cast<std::string>();
         std::replace(flag.begin(), flag.end(), '_', '-');
         flag = (flag == "plugin" ? "--" : "-") + flag;
+        // mask=False is -nomask; srcnodata=[v, ...] repeats -srcnodata, whose values add up.
+        if (flag == "-mask") {
+            if (py::isinstance<py::bool_>(value) && !value.cast<bool>())
+                args.push_back("-nomask");
+            continue;
+        }
         if (value.is_none() || (py::isinstance<py::bool_>(value) && !value.cast<bool>()))
             continue;
         if (py::isinstance<py::bool_>(value)) {

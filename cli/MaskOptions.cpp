@@ -1,0 +1,107 @@
+#include "MaskOptions.h"
+
+#include <cmath>
+#include <sstream>
+
+namespace {
+
+bool ParseValue(const std::string& text, double& value)
+{
+    try {
+        size_t used = 0;
+        value = std::stod(text, &used);
+        return used == text.size();
+    } catch (...) {
+        return false;
+    }
+}
+
+stMaskInfo MaskInfo(const MaskOptions& o)
+{
+    stMaskInfo info;
+    info.vecSrcNoData = o.srcNoData;
+    info.bUseMasks = !o.noMask;
+    if (o.hasDstNoData)
+        info.dDstNoData = o.dstNoData;
+    return info;
+}
+
+} // namespace
+
+const char* const kMaskHelp =
+    "  -srcnodata \"V [V...]\"  input value(s) to leave out, one for all bands or one per band;\n"
+    "                        replaces the bands' own masks\n"
+    "  -nomask      no masking: every pixel counts, as without no-data\n"
+    "  -dstnodata V output value of masked pixels; default NaN for Float32/Float64 outputs and\n"
+    "               the type's lowest value for integer outputs\n"
+    "  By default a pixel is left out where any band used is masked by GDAL's rules (mask band,\n"
+    "  alpha band, no-data value) or, for floating-point inputs, is NaN or infinite.\n";
+
+bool TakesMaskOptions(const std::string& command) { return command == "kt"; }
+
+std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask)
+{
+    if (flag == "-nomask") {
+        mask.noMask = true;
+    } else if (flag == "-srcnodata") {
+        std::istringstream words(value);
+        std::string word;
+        double v = 0;
+        while (words >> word) {
+            if (!ParseValue(word, v))
+                return "option -srcnodata takes numbers (or nan), one for all bands or one per band";
+            mask.srcNoData.push_back(v);
+        }
+        if (mask.srcNoData.empty())
+            return "option -srcnodata takes numbers (or nan), one for all bands or one per band";
+    } else if (flag == "-dstnodata") {
+        if (!ParseValue(value, mask.dstNoData))
+            return "option -dstnodata takes a number (or nan)";
+        mask.hasDstNoData = true;
+    }
+    return {};
+}
+
+std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands)
+{
+    if (mask.srcNoData.size() > 1 && inputBands > 0 && static_cast<int>(mask.srcNoData.size()) != inputBands)
+        return "option -srcnodata gives " + std::to_string(mask.srcNoData.size()) + " values; INPUT has " +
+               std::to_string(inputBands) + " bands (give one value or one per band)";
+    if (mask.noMask && (!mask.srcNoData.empty() || mask.hasDstNoData))
+        return "option -nomask turns masking off; it does not go with -srcnodata or -dstnodata";
+    return {};
+}
+
+boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask)
+{
+    if (mask.noMask)
+        return seed;
+    if (const auto* r = boost::any_cast<stTransInfo>(&seed))
+        return stMaskedTransInfo{*r, MaskInfo(mask)};
+    if (const auto* r = boost::any_cast<stForwardPCAInfo>(&seed))
+        return stMaskedForwardPCAInfo{*r, MaskInfo(mask), 0, 0};
+    if (const auto* r = boost::any_cast<stInversePCAInfo>(&seed))
+        return stMaskedInversePCAInfo{*r, MaskInfo(mask)};
+    return seed;
+}
+
+boost::any SeedOf(const boost::any& record)
+{
+    if (const auto* r = boost::any_cast<stMaskedTransInfo>(&record))
+        return r->info;
+    if (const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record))
+        return r->info;
+    if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
+        return r->info;
+    return record;
+}
+
+bool StatisticsCount(const boost::any& record, long long& used, long long& total)
+{
+    const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record);
+    if (!r || r->nTotalPixels <= 0)
+        return false;
+    used = r->nValidPixels;
+    total = r->nTotalPixels;
+    return true;
+}

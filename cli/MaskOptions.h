@@ -1,0 +1,30 @@
+#pragma once
+// -srcnodata, -dstnodata and -nomask, as in gdalwarp: which pixels a run leaves out and what it
+// writes in their place.
+#include "frame/MaskRecords.h"
+
+#include <boost/any.hpp>
+#include <string>
+#include <vector>
+
+struct MaskOptions {
+    std::vector<double> srcNoData; // -srcnodata "V [V...]": one value, or one per band
+    bool noMask = false;           // -nomask: the unmasked run
+    bool hasDstNoData = false;
+    double dstNoData = 0;          // -dstnodata V
+};
+
+// The commands whose runs leave masked pixels out.
+bool TakesMaskOptions(const std::string& command);
+// Parses `flag` with its value (empty for -nomask); the problem, or empty.
+std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask);
+// A usage problem of the options taken together with the input's band count, or empty.
+std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands);
+// The masked record around `seed` unless -nomask asks for the unmasked run (then `seed` itself).
+boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask);
+// The seed's record inside a masked one; any other record as it is.
+boost::any SeedOf(const boost::any& record);
+// The pixels a masked statistics run used and all of them; false for other records.
+bool StatisticsCount(const boost::any& record, long long& used, long long& total);
+
+extern const char* const kMaskHelp;
