@@ -2,6 +2,7 @@
 #include "TavTransformFunc.h"
 #include "frame/MaskRecords.h"
 #include "kt/KTMasked.h"
+#include "pca/PCAEngine.h"
 
 #include <QCoreApplication>
 
@@ -10,17 +11,32 @@ bool TavTransformFunc::ExecuteMaskedTransInfo()
     const stMaskedTransInfo masked = boost::any_cast<stMaskedTransInfo>(m_params);
     Report(0);
     bool ok = false;
-    if (masked.info.nTransType == 4) {
+    if (masked.info.nTransType == 4)
         ok = RunMaskedTasseledCap(masked);
-    } else {
-        m_nErrorCode = 1;
-        m_strErrorText = QCoreApplication::translate(
-            "TavTransformFunc", "No-data masking is not available for this transform yet; run it without masks.");
-    }
+    else
+        RefuseMasked();
     if (CancelRequested() && !ok)
         m_nErrorCode = -1010;
     Report(100);
     return ok;
+}
+
+// Transforms whose masked runs are not built yet say so rather than ignore the masks.
+bool TavTransformFunc::RefuseMasked()
+{
+    m_nErrorCode = 1;
+    m_strErrorText = QCoreApplication::translate(
+        "TavTransformFunc", "No-data masking is not available for this transform yet; run it without masks.");
+    return false;
+}
+
+bool TavTransformFunc::ExecuteMaskedForwardPCA()
+{
+    const stMaskedForwardPCAInfo masked = boost::any_cast<stMaskedForwardPCAInfo>(m_params);
+    const stForwardPCAInfo& info = masked.info;
+    if (!m_pPCAEngine)
+        m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
+    return FinishPca(m_pPCAEngine->MaskedForwardDriver(masked), {info.strOutputFile, info.strStatFile});
 }
 
 bool TavTransformFunc::RunMaskedTasseledCap(const stMaskedTransInfo& masked)

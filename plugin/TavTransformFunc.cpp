@@ -58,6 +58,10 @@ bool TavTransformFunc::Execute()
         return ExecuteInversePCA();
     if (m_params.type() == typeid(stMaskedTransInfo))
         return ExecuteMaskedTransInfo();
+    if (m_params.type() == typeid(stMaskedForwardPCAInfo))
+        return ExecuteMaskedForwardPCA();
+    if (m_params.type() == typeid(stMaskedInversePCAInfo))
+        return RefuseMasked();
     return ExecuteTransInfo();
 }
 

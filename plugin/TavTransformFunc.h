@@ -34,6 +34,8 @@ private:
     bool ExecuteInversePCA();
     // Masked runs, in branches of their own (MaskedDispatch.cpp).
     bool ExecuteMaskedTransInfo();
+    bool ExecuteMaskedForwardPCA();
+    bool RefuseMasked();
     bool RunMaskedTasseledCap(const stMaskedTransInfo& masked);
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);

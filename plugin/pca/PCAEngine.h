@@ -12,6 +12,8 @@
 #include <vector>
 
 struct PcaSampleRange;
+class PcaMask;
+struct stMaskedForwardPCAInfo;
 class ProgressSpan;
 
 // Rows [first, first + rows) by columns [x0, x0 + cols) of a pass, inside block `block`; the
@@ -34,6 +36,9 @@ public:
     // 0 success; 1 input or statistics file, 2 output, 6 cancelled, 14 no routine for the types.
     int ForwardDriver(const stForwardPCAInfo& info);
     int InverseDriver(const stInversePCAInfo& info);
+    // The forward run that leaves masked pixels out of the statistics and writes the no-data value
+    // there (PCAMasked.cpp); with nothing to mask it is ForwardDriver itself.
+    int MaskedForwardDriver(const stMaskedForwardPCAInfo& masked);
 
     // Per (input, output) sample type; public only so one dispatch can reach them.
     template <class TIn, class TOut>
@@ -91,5 +96,6 @@ private:
     std::vector<double> m_cumulative;
     int m_nBlockMi = 4;
     bool m_bStepwise = false;
+    PcaMask* m_pMask = nullptr; // set only while a masked run is in the driver
     const RunContext* m_pContext;
 };

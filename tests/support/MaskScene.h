@@ -34,11 +34,9 @@ struct MaskScene {
     Fill fill;
     std::vector<unsigned char> valid; // row-major
     stMaskInfo mask;                  // what a run is told
-    // Data values at valid pixels; only the fill depends on the kind.
-    double Value(int b, int x, int y) const
-    {
-        return 20 + 5 * b + ((x * (3 + b) + y * (7 - b) + x * y * (b + 1)) % 97) + 0.25 * ((x + 2 * y + b) % 4);
-    }
+    // Data values at valid pixels, whole numbers that every pixel type holds; only the fill
+    // depends on the kind.
+    double Value(int b, int x, int y) const { return 20 + 5 * b + ((x * (3 + b) + y * (7 - b) + x * y * (b + 1)) % 97); }
     bool Valid(int x, int y) const { return valid[static_cast<size_t>(y) * width + x] != 0; }
     long long ValidCount() const
     {
