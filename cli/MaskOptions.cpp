@@ -1,5 +1,6 @@
 #include "MaskOptions.h"
 
+#include <cctype>
 #include <cmath>
 #include <sstream>
 
@@ -37,7 +38,7 @@ const char* const kMaskHelp =
     "  By default a pixel is left out where any band used is masked by GDAL's rules (mask band,\n"
     "  alpha band, no-data value) or, for floating-point inputs, is NaN or infinite.\n";
 
-bool TakesMaskOptions(const std::string& command) { return command == "kt"; }
+bool TakesMaskOptions(const std::string& command) { return command == "kt" || command == "pca"; }
 
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask)
 {
@@ -62,8 +63,46 @@ std::string TakeMaskOption(const std::string& flag, const std::string& value, Ma
     return {};
 }
 
-std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands)
+namespace {
+
+// Whole numbers in the range of an integer GDAL type; floating-point types take any value.
+bool FitsType(double v, const std::string& type)
 {
+    const struct { const char* name; double lo, hi; } kIntegers[] = {
+        {"byte", 0, 255}, {"uint16", 0, 65535}, {"int16", -32768, 32767},
+        {"uint32", 0, 4294967295.0}, {"int32", -2147483648.0, 2147483647.0}};
+    std::string lower;
+    for (char c : type)
+        lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (const auto& t : kIntegers)
+        if (lower == t.name)
+            return v == std::trunc(v) && t.lo <= v && v <= t.hi;
+    return true;
+}
+
+std::string Grouped(long long v)
+{
+    const std::string digits = std::to_string(v);
+    std::string s;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && digits[i - 1] != '-' && (digits.size() - i) % 3 == 0)
+            s += ',';
+        s += digits[i];
+    }
+    return s;
+}
+
+} // namespace
+
+std::string StatisticsOverLine(long long used, long long total)
+{
+    return "statistics over " + Grouped(used) + " of " + Grouped(total) + " pixels";
+}
+
+std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands, const std::string& outType)
+{
+    if (mask.hasDstNoData && !FitsType(mask.dstNoData, outType))
+        return "option -dstnodata: the value does not fit the output type " + outType;
     if (mask.srcNoData.size() > 1 && inputBands > 0 && static_cast<int>(mask.srcNoData.size()) != inputBands)
         return "option -srcnodata gives " + std::to_string(mask.srcNoData.size()) + " values; INPUT has " +
                std::to_string(inputBands) + " bands (give one value or one per band)";

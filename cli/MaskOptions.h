@@ -18,8 +18,11 @@ struct MaskOptions {
 bool TakesMaskOptions(const std::string& command);
 // Parses `flag` with its value (empty for -nomask); the problem, or empty.
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask);
-// A usage problem of the options taken together with the input's band count, or empty.
-std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands);
+// A usage problem of the options taken together with the input's band count and the output's
+// pixel type (a GDAL type name), or empty.
+std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands, const std::string& outType);
+// "statistics over 8,412,113 of 12,000,000 pixels"
+std::string StatisticsOverLine(long long used, long long total);
 // The masked record around `seed` unless -nomask asks for the unmasked run (then `seed` itself).
 boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask);
 // The seed's record inside a masked one; any other record as it is.

@@ -82,7 +82,8 @@ ParseResult BuildRecord(Options o)
         o.request.record = TransRecord(o);
     }
     if (TakesMaskOptions(o.command)) {
-        if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands); !problem.empty())
+        const std::string outType = o.command == "kt" ? "Float32" : o.outType;
+        if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands, outType); !problem.empty())
             return Usage(problem, o.command);
         o.request.record = MaskedRecord(o.request.record, o.mask);
     }

@@ -446,7 +446,28 @@ TEST(Masks, BadMaskOptionsAreUsageErrors)
         {{"kt", "-dstnodata", "low", in, dir.file("o.tif")}, "option -dstnodata takes a number"},
         {{"kt", "-nomask", "-dstnodata", "0", in, dir.file("o.tif")}, "does not go with"},
         {{"dwt", "-nomask", in, dir.file("o.tif")}, "not an option of 'dwt'"},
+        {{"pca", "-stats", dir.file("s.sta"), "-ot", "Byte", "-dstnodata", "300", in, dir.file("o.tif")},
+         "does not fit the output type Byte"},
     };
     for (const auto& c : cases)
         ExpectRefused(dir, c.args, 2, c.message, in, dir.file("o.tif"));
+}
+
+TEST(Masks, PcaSaysHowManyPixelsItsStatisticsSawAndNomaskSeesThemAll)
+{
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("nd.tif"), tavtest::Fill::NoDataValue);
+    ASSERT_EQ(sc.width * sc.height, 1073);
+    const std::string total = "1,073"; // grouped as English writes it
+    const CliResult masked = RunCli(dir, {"pca", "-q", "-stats", dir.file("m.sta"), "-stats-only", sc.path});
+    ASSERT_EQ(masked.status, 0) << masked.err;
+    EXPECT_NE(masked.out.find("statistics over " + std::to_string(sc.ValidCount()) + " of " + total + " pixels"),
+              std::string::npos)
+        << masked.out;
+    const CliResult all = RunCli(dir, {"pca", "-q", "-nomask", "-stats", dir.file("a.sta"), "-stats-only", sc.path});
+    ASSERT_EQ(all.status, 0) << all.err;
+    EXPECT_EQ(all.out.find("statistics over"), std::string::npos) << all.out;
+    ASSERT_EQ(RunCli(dir, {"pca", "-q", "-stats", dir.file("r.sta"), sc.path, dir.file("pc.tif")}).status, 0);
+    const auto info = tavtest::Info(dir.file("pc.tif"));
+    EXPECT_TRUE(info.noData[0].first && std::isnan(info.noData[0].second));
 }
