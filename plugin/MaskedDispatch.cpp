@@ -30,6 +30,17 @@ bool TavTransformFunc::RefuseMasked()
     return false;
 }
 
+bool TavTransformFunc::ExecuteMaskedInversePCA()
+{
+    const stMaskedInversePCAInfo masked = boost::any_cast<stMaskedInversePCAInfo>(m_params);
+    const stInversePCAInfo& info = masked.info;
+    // A fresh engine, as the unmasked inverse makes; the one it replaces stays until this object goes.
+    if (m_pPCAEngine)
+        m_replacedEngines.emplace_back(m_pPCAEngine);
+    m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
+    return FinishPca(m_pPCAEngine->MaskedInverseDriver(masked), {info.strOutputFile});
+}
+
 bool TavTransformFunc::ExecuteMaskedForwardPCA()
 {
     const stMaskedForwardPCAInfo masked = boost::any_cast<stMaskedForwardPCAInfo>(m_params);

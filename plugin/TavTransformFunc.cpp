@@ -61,7 +61,7 @@ bool TavTransformFunc::Execute()
     if (m_params.type() == typeid(stMaskedForwardPCAInfo))
         return ExecuteMaskedForwardPCA();
     if (m_params.type() == typeid(stMaskedInversePCAInfo))
-        return RefuseMasked();
+        return ExecuteMaskedInversePCA();
     return ExecuteTransInfo();
 }
 

@@ -35,6 +35,7 @@ private:
     // Masked runs, in branches of their own (MaskedDispatch.cpp).
     bool ExecuteMaskedTransInfo();
     bool ExecuteMaskedForwardPCA();
+    bool ExecuteMaskedInversePCA();
     bool RefuseMasked();
     bool RunMaskedTasseledCap(const stMaskedTransInfo& masked);
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.

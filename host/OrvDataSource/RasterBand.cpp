@@ -56,6 +56,28 @@ bool RasterBand::MayHaveMaskedPixels(const double* srcNoData, bool useMask) cons
     return IsFloating(m_poBand->GetRasterDataType()) || !(m_poBand->GetMaskFlags() & GMF_ALL_VALID);
 }
 
+RasterBand::ValidityRule RasterBand::GetValidityRule(const double* srcNoData, bool useMask) const
+{
+    ValidityRule rule;
+    const GDALDataType type = m_poBand->GetRasterDataType();
+    rule.nonFinite = useMask && IsFloating(type);
+    double value = 0;
+    if (srcNoData) {
+        rule.hasValue = true;
+        value = *srcNoData;
+    } else if (useMask) {
+        const int flags = m_poBand->GetMaskFlags();
+        if (flags == GMF_NODATA) {
+            int has = 0;
+            value = m_poBand->GetNoDataValue(&has);
+            rule.hasValue = has != 0;
+        }
+        rule.readMask = !(flags & GMF_ALL_VALID) && !rule.hasValue;
+    }
+    rule.value = type == GDT_Float32 ? static_cast<float>(value) : value;
+    return rule;
+}
+
 bool RasterBand::ReadValidity(int x, int y, int w, int h, unsigned char* valid, const double* srcNoData,
                               bool useMask)
 {

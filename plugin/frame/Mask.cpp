@@ -16,9 +16,12 @@ RunMask::RunMask(RasterDataset& in, const BandNumbers& bands, const stMaskInfo& 
     if (!info.vecSrcNoData.empty())
         for (std::size_t j = 0; j < m_bands.size(); ++j)
             m_srcNoData.push_back(info.vecSrcNoData[std::min(j, info.vecSrcNoData.size() - 1)]);
-    for (std::size_t j = 0; j < m_bands.size() && !m_active; ++j)
-        m_active = m_in.GetRasterBand(m_bands[j] - 1)->MayHaveMaskedPixels(
-            m_srcNoData.empty() ? nullptr : &m_srcNoData[j], m_useMasks);
+    for (std::size_t j = 0; j < m_bands.size(); ++j) {
+        const auto band = m_in.GetRasterBand(m_bands[j] - 1);
+        const double* given = m_srcNoData.empty() ? nullptr : &m_srcNoData[j];
+        m_active = m_active || band->MayHaveMaskedPixels(given, m_useMasks);
+        m_rules.push_back(band->GetValidityRule(given, m_useMasks));
+    }
 }
 
 long long RunMask::Read(int x, int y, int w, int h, uint8_t* valid) const

@@ -16,12 +16,27 @@ public:
     {
         m_mask = std::make_unique<RunMask>(in, bands, m_info);
         m_win = win;
+        // The row's floats hold these types exactly, so their value rules need no second read.
+        m_fromRow = true;
+        for (int b : bands) {
+            const int t = in.GetRasterBand(b - 1)->GetRasterDataType();
+            m_fromRow = m_fromRow && (t == PDT_Byte || t == PDT_UInt16 || t == PDT_Int16 || t == PDT_Float32);
+        }
         m_valid.assign(static_cast<std::size_t>(win.width), 1);
     }
-    void Row(int r) override
+    void Row(int r, const float* block) override
     {
-        if (m_mask->Active())
+        if (!m_mask->Active())
+            return;
+        if (m_fromRow) {
+            m_mask->ReadWith(m_win.x0, m_win.y0 + r, m_win.width, 1, block, m_win.width, m_valid.data());
+            long long valid = 0;
+            for (uint8_t v : m_valid)
+                valid += v;
+            m_rowMasked = m_win.width - valid;
+        } else {
             m_rowMasked = m_mask->Read(m_win.x0, m_win.y0 + r, m_win.width, 1, m_valid.data());
+        }
         m_masked += m_rowMasked;
     }
     void Component(float* row, int width) override
@@ -45,6 +60,7 @@ private:
     PixelWindow m_win;
     std::vector<uint8_t> m_valid;
     long long m_rowMasked = 0;
+    bool m_fromRow = false;
     long long m_masked = 0;
 };
 

@@ -139,7 +139,7 @@ bool KTTransformFunc::RunWith(const QString& input, const QString& output, const
         progress.Report(r, win.height);
         reader.Read(r, block.get());
         if (hook)
-            hook->Row(r);
+            hook->Row(r, block.get());
         for (int k = 0; k < set.components; ++k) {
             bool cancelled = false;
             ComputeComponent(set, k, block.get(), win.width, row.get(), m_ctx, cancelled);

@@ -7,7 +7,8 @@ class KTRowHook {
 public:
     virtual ~KTRowHook() = default;
     virtual void Begin(OrvDataSource::RasterDataset& in, const BandNumbers& bands, const PixelWindow& win) = 0;
-    virtual void Row(int r) = 0;                   // before the row's components
+    // Before the row's components, with the row's used bands as floats, band after band.
+    virtual void Row(int r, const float* block) = 0;
     virtual void Component(float* row, int width) = 0; // before a component's row is written
     virtual void End(OrvDataSource::RasterDataset& out, int components) = 0;
 };

@@ -445,7 +445,8 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
     pipe.Stream(plan.Count(), [&](int index) {
         const PcaChunk chunk = plan[index];
         if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()) ||
-            (m_pMask && !m_pMask->ReadChunk(chunk.x0, chunk.first, chunk.cols, chunk.rows, index % kSlots)))
+            (m_pMask && !m_pMask->ReadChunk(chunk.x0, chunk.first, chunk.cols, chunk.rows,
+                                            static_cast<const TIn*>(slots[index % kSlots].get()), index % kSlots)))
             status = Fail(1, "Failed to read the input file!");
         else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
             status = Fail(6, QString());
@@ -584,5 +585,8 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
     // goes back whatever the forward run subtracted; intended.
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();
     const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
-    return RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span);
+    const int status = RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span);
+    if (status == 0 && m_pMask)
+        m_pMask->Declare(*raster, n);
+    return status;
 }

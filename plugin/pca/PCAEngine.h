@@ -14,6 +14,7 @@
 struct PcaSampleRange;
 class PcaMask;
 struct stMaskedForwardPCAInfo;
+struct stMaskedInversePCAInfo;
 class ProgressSpan;
 
 // Rows [first, first + rows) by columns [x0, x0 + cols) of a pass, inside block `block`; the
@@ -39,6 +40,8 @@ public:
     // The forward run that leaves masked pixels out of the statistics and writes the no-data value
     // there (PCAMasked.cpp); with nothing to mask it is ForwardDriver itself.
     int MaskedForwardDriver(const stMaskedForwardPCAInfo& masked);
+    // The inverse that writes the no-data value where the component raster is masked.
+    int MaskedInverseDriver(const stMaskedInversePCAInfo& masked);
 
     // Per (input, output) sample type; public only so one dispatch can reach them.
     template <class TIn, class TOut>

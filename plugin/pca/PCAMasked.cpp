@@ -22,12 +22,6 @@ bool PcaMask::Prepare(RasterDataset& in, int n, int slots, long long maxPixels)
     return true;
 }
 
-bool PcaMask::ReadChunk(int x0, int y0, int cols, int rows, int slot)
-{
-    m_mask->Read(x0, y0, cols, rows, m_flags[slot].data());
-    return true;
-}
-
 long long PcaMask::KeepValid(double* values, long long first, long long count, int n, int slot)
 {
     m_statistics = true;
@@ -50,7 +44,7 @@ long long PcaMask::KeepValid(double* values, long long first, long long count, i
 
 void PcaMask::Declare(RasterDataset& out, int m) const
 {
-    if (!Masking())
+    if (m_filled.load(std::memory_order_relaxed) == 0)
         return;
     for (int k = 0; k < m; ++k)
         out.GetRasterBand(k)->SetNoDataValue(m_dst);
@@ -73,6 +67,21 @@ void HandBackMaskedEigenValues(const RunContext& ctx, const std::vector<double>&
     record.nValidPixels = used;
     record.nTotalPixels = total;
     ctx.SetParams(record);
+}
+
+int CPCAEngine::MaskedInverseDriver(const stMaskedInversePCAInfo& masked)
+{
+    const stInversePCAInfo& info = masked.info;
+    bool active = false;
+    if (const RasterPtr in = TransWorker::OpenInputRaster(m_strInput))
+        active = RunMask(*in, AllBandNumbers(in->GetBandCount()), masked.mask).Active();
+    if (!active)
+        return InverseDriver(info);
+    PcaMask mask(masked.mask, info.nOutDataType >= 0 && info.nOutDataType <= 5 ? info.nOutDataType + 1 : 7);
+    m_pMask = &mask;
+    const int status = InverseDriver(info);
+    m_pMask = nullptr;
+    return status;
 }
 
 int CPCAEngine::MaskedForwardDriver(const stMaskedForwardPCAInfo& masked)

@@ -23,7 +23,12 @@ public:
     // Before each pass: the mask of bands 1..n of the engine's input, and a flag buffer per slot.
     bool Prepare(OrvDataSource::RasterDataset& in, int n, int slots, long long maxPixels);
     // The run's thread, beside the chunk's samples.
-    bool ReadChunk(int x0, int y0, int cols, int rows, int slot);
+    template <class TIn>
+    bool ReadChunk(int x0, int y0, int cols, int rows, const TIn* samples, int slot)
+    {
+        m_mask->ReadWith(x0, y0, cols, rows, samples, static_cast<long long>(cols) * rows, m_flags[slot].data());
+        return true;
+    }
     // The helper: moves the valid pixels of values (pixels [first, first + count) of the chunk in
     // `slot`, n values each) to the front, in order; how many there are.
     long long KeepValid(double* values, long long first, long long count, int n, int slot);
@@ -54,6 +59,7 @@ private:
     long long m_validPixels = 0;
     long long m_total = 0;
     bool m_statistics = false;
+    mutable std::atomic<long long> m_filled{0}; // masked pixels written, by the helper
 };
 
 // Copies the eigenvalues and the pixel counts into a masked record held by the algorithm object.
@@ -73,9 +79,11 @@ void PcaMask::FillMasked(TOut* out, long long pixels, int m, int slot) const
         aside = std::nextafter(dst, TOut(0));
     else
         aside = dst == std::numeric_limits<TOut>::max() ? dst - 1 : dst + 1;
+    long long filled = 0;
     for (long long p = 0; p < pixels; ++p) {
         TOut* px = out + p * m;
         if (!valid[p]) {
+            ++filled;
             for (int k = 0; k < m; ++k)
                 px[k] = dst;
         } else {
@@ -83,6 +91,7 @@ void PcaMask::FillMasked(TOut* out, long long pixels, int m, int slot) const
                 px[k] = px[k] == dst ? aside : px[k];
         }
     }
+    m_filled.fetch_add(filled, std::memory_order_relaxed);
 }
 
 template <class TIn>

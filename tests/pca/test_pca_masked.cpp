@@ -245,3 +245,31 @@ TEST(MaskedPca, NothingToMaskOrMasksOffGiveTheUnmaskedRunsBytes)
 }
 
 } // namespace
+
+namespace {
+
+// Integer components carry their fill as the type's lowest value; the masked inverse writes the
+// no-data value there and, elsewhere, what the unmasked inverse writes.
+TEST(MaskedPca, InverseWritesNoDataWhereTheComponentsAreMasked)
+{
+    TempDir dir;
+    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::MaskBand);
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(MaskedFwd(sc, dir.file("s.sta"), dir.file("pc.tif"), 2)));
+    ASSERT_EQ(Info(dir.file("pc.tif")).noData[0], std::make_pair(true, -32768.0));
+    const stInversePCAInfo seed{Q(dir.file("pc.tif")), Q(dir.file("s.sta")), Q(dir.file("plain.tif")), "GTiff", 5};
+    stMaskedInversePCAInfo masked{seed, {}};
+    masked.info.strOutputFile = Q(dir.file("back.tif"));
+    ASSERT_TRUE(h.Run(seed));
+    ASSERT_TRUE(h.Run(masked)) << h.Text().toStdString();
+    EXPECT_TRUE(Info(dir.file("back.tif")).noData[0].first);
+    for (int b = 1; b <= sc.bands; ++b) {
+        const auto plain = ReadBand(dir.file("plain.tif"), b), back = ReadBand(dir.file("back.tif"), b);
+        long long wrong = 0;
+        for (size_t i = 0; i < sc.valid.size(); ++i)
+            wrong += sc.valid[i] ? back[i] != plain[i] : !std::isnan(back[i]);
+        EXPECT_EQ(wrong, 0) << "band " << b;
+    }
+}
+
+} // namespace
