@@ -38,7 +38,10 @@ const char* const kMaskHelp =
     "  By default a pixel is left out where any band used is masked by GDAL's rules (mask band,\n"
     "  alpha band, no-data value) or, for floating-point inputs, is NaN or infinite.\n";
 
-bool TakesMaskOptions(const std::string& command) { return command == "kt" || command == "pca"; }
+bool TakesMaskOptions(const std::string& command)
+{
+    return command == "kt" || command == "pca" || command == "pca-inverse";
+}
 
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask)
 {

@@ -72,19 +72,5 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
 // type, else NaN for floating-point types and the type's lowest value for integers.
 double OutputNoData(const stMaskInfo& info, int pixelType);
 
-// Sets `value` at out[p * stride + k] for k < comps at each masked p; the masked count.
-template <class T>
-long long FillMasked(const uint8_t* valid, long long pixels, T* out, int comps, T value)
-{
-    long long masked = 0;
-    for (long long p = 0; p < pixels; ++p)
-        if (!valid[p]) {
-            ++masked;
-            for (int k = 0; k < comps; ++k)
-                out[p * comps + k] = value;
-        }
-    return masked;
-}
-
 // "statistics over 8,412,113 of 12,000,000 pixels"
 QString StatisticsOverText(long long used, long long total);

@@ -41,8 +41,10 @@ public:
     }
     void Component(float* row, int width) override
     {
+        // A select rather than a branch: the compiler turns it into vector blends.
         if (m_rowMasked)
-            FillMasked(m_valid.data(), width, row, 1, m_value);
+            for (int p = 0; p < width; ++p)
+                row[p] = m_valid[p] ? row[p] : m_value;
     }
     // Declared only where something was masked: otherwise the output stays the unmasked run's.
     void End(RasterDataset& out, int components) override

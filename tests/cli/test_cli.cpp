@@ -470,4 +470,21 @@ TEST(Masks, PcaSaysHowManyPixelsItsStatisticsSawAndNomaskSeesThemAll)
     ASSERT_EQ(RunCli(dir, {"pca", "-q", "-stats", dir.file("r.sta"), sc.path, dir.file("pc.tif")}).status, 0);
     const auto info = tavtest::Info(dir.file("pc.tif"));
     EXPECT_TRUE(info.noData[0].first && std::isnan(info.noData[0].second));
+    // Centred Int16 components back to the bands (the inverse always adds the means): the fill comes back as -dstnodata, the scene as the input.
+    ASSERT_EQ(RunCli(dir, {"pca", "-q", "-center", "-ot", "Int16", "-stats", dir.file("i.sta"), sc.path, dir.file("pci.tif")})
+                  .status,
+              0);
+    ASSERT_EQ(RunCli(dir, {"pca-inverse", "-q", "-dstnodata", "-1", "-stats", dir.file("i.sta"), dir.file("pci.tif"),
+                           dir.file("back.tif")})
+                  .status,
+              0);
+    const auto back = tavtest::ReadBand(dir.file("back.tif"), 2);
+    long long wrong = 0;
+    for (int y = 0; y < sc.height; ++y)
+        for (int x = 0; x < sc.width; ++x) {
+            const double got = back[static_cast<size_t>(y) * sc.width + x];
+            // Six components truncated to whole numbers: at most sqrt(6) off after the rotation back.
+            wrong += sc.Valid(x, y) ? std::abs(got - sc.Value(1, x, y)) > 2.45 : got != -1;
+        }
+    EXPECT_EQ(wrong, 0);
 }
