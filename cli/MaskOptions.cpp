@@ -141,7 +141,8 @@ boost::any SeedOf(const boost::any& record)
 bool StatisticsCount(const boost::any& record, long long& used, long long& total)
 {
     const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record);
-    if (!r || r->nTotalPixels <= 0)
+    // Said only where something was left out: otherwise the table is the unmasked run's.
+    if (!r || r->nTotalPixels <= 0 || r->nValidPixels == r->nTotalPixels)
         return false;
     used = r->nValidPixels;
     total = r->nTotalPixels;

@@ -27,7 +27,8 @@ std::string StatisticsOverLine(long long used, long long total);
 boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask);
 // The seed's record inside a masked one; any other record as it is.
 boost::any SeedOf(const boost::any& record);
-// The pixels a masked statistics run used and all of them; false for other records.
+// The pixels a masked statistics run used and all of them; false for other records and for runs
+// that left nothing out.
 bool StatisticsCount(const boost::any& record, long long& used, long long& total);
 
 extern const char* const kMaskHelp;
