@@ -1,5 +1,6 @@
 #include "BandNames.h"
 
+#include "MaskOptions.h"
 #include "Quicklook.h"
 
 #include "frame/stTasseledCapInfo.h"
@@ -27,7 +28,8 @@ RecordFields Files(const Record& r)
 RecordFields Fields(const Request& req)
 {
     RecordFields f;
-    if (const auto* t = boost::any_cast<stTransInfo>(&req.record)) {
+    const boost::any seed = SeedOf(req.record);
+    if (const auto* t = boost::any_cast<stTransInfo>(&seed)) {
         f = Files(*t);
         if (req.command == "kt")
             f.options = std::string("-sensor ") + SensorName(t->nSensorType);
@@ -41,7 +43,7 @@ RecordFields Fields(const Request& req)
         f.options = k->strSensor.isEmpty() ? "-coefficients " + S(k->strCoefficientFile) : "-sensor " + S(k->strSensor);
         if (!k->vecScale.empty())
             f.options += " -unscale";
-    } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&req.record)) {
+    } else if (const auto* p = boost::any_cast<stForwardPCAInfo>(&seed)) {
         f = Files(*p);
         f.options = std::string("-ot ") + PixelTypeNameAt(p->nOutDataType);
         if (p->nComponents > 0)
@@ -52,7 +54,7 @@ RecordFields Fields(const Request& req)
             f.options += " -no-center";
         if (req.statsOnly)
             f.options += " -stats-only";
-    } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record)) {
+    } else if (const auto* i = boost::any_cast<stInversePCAInfo>(&seed)) {
         f = Files(*i);
         f.options = std::string("-ot ") + PixelTypeNameAt(i->nOutDataType);
     }
@@ -65,7 +67,7 @@ RecordFields Fields(const Request& req)
 // The input band behind output band `band` of a forward Fourier run (two output bands per input band).
 int FourierSource(const Request& req, int band)
 {
-    const auto* t = boost::any_cast<stTransInfo>(&req.record);
+    const auto* t = TransSeed(req.record);
     const size_t pair = static_cast<size_t>(band - 1) / 2;
     return t && pair < t->vecBands.size() ? t->vecBands[pair] : static_cast<int>(pair) + 1;
 }

@@ -95,8 +95,8 @@ std::string GeneralHelp()
 std::string CommandHelp(const std::string& name)
 {
     const CommandInfo& info = Commands().at(name);
-    return std::string("Usage: tavtransform ") + info.usage + "\n" + info.summary + "\n\n" + info.details + "\n" +
-           kCommonOptions;
+    return std::string("Usage: tavtransform ") + info.usage + "\n" + info.summary + "\n\n" + info.details +
+           (TakesMaskOptions(name) ? kMaskHelp : "") + "\n" + kCommonOptions;
 }
 
 const char* const kPixelTypes[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
@@ -162,6 +162,12 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
         o.center = a == "-center";
     } else if (a == "-stats-only") {
         o.request.statsOnly = true;
+    } else if (a == "-srcnodata" || a == "-dstnodata") {
+        if (!value(v))
+            return "option " + a + " needs a value";
+        return TakeMaskOption(a, v, o.mask);
+    } else if (a == "-nomask") {
+        return TakeMaskOption(a, {}, o.mask);
     }
     return {};
 }
@@ -246,7 +252,8 @@ ParseResult ParseOptions(const std::vector<std::string>& args, Options& o)
                 return Usage("option -co takes NAME=VALUE", o.command);
             o.creationOptions.push_back(args[++i]);
         } else if (a.size() > 1 && a[0] == '-') {
-            if (!found->second.options.count(a))
+            const bool maskOption = a == "-srcnodata" || a == "-dstnodata" || a == "-nomask";
+            if (!found->second.options.count(a) && !(maskOption && TakesMaskOptions(o.command)))
                 return Usage("option " + a + " is not an option of '" + o.command + "'", o.command);
             if (std::string problem = TakeOption(args, i, o); !problem.empty())
                 return Usage(problem, o.command);

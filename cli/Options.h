@@ -1,5 +1,6 @@
 #pragma once
 #include "CommandLine.h"
+#include "MaskOptions.h"
 
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@ struct Options {
     std::string input;
     std::string output;       // empty for pca -stats-only
     int inputBands = 0;       // INPUT's band count as the file checks found it; 0 when it does not open
+    MaskOptions mask;         // -srcnodata, -dstnodata, -nomask
     Request request;          // quiet, statsOnly and the plug-in path are filled here
 };
 

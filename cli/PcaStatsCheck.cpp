@@ -1,4 +1,5 @@
 #include "PcaStatsCheck.h"
+#include "MaskOptions.h"
 
 #include <QFile>
 
@@ -9,7 +10,8 @@
 
 std::string PcaStatsProblem(const Request& request)
 {
-    const auto* info = boost::any_cast<stInversePCAInfo>(&request.record);
+    const boost::any seed = SeedOf(request.record);
+    const auto* info = boost::any_cast<stInversePCAInfo>(&seed);
     if (!info)
         return {};
     const QByteArray path = QFile::encodeName(info->strStatFile);

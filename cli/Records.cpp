@@ -84,6 +84,12 @@ ParseResult BuildRecord(Options o)
             if (ParseResult bad = KtRequest(o); bad.kind != ParseResult::Run)
                 return bad;
     }
+    if (TakesMaskOptions(o.command)) {
+        const std::string outType = o.command == "kt" ? "Float32" : o.outType;
+        if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands, outType); !problem.empty())
+            return Usage(problem, o.command);
+        o.request.record = MaskedRecord(o.request.record, o.mask);
+    }
     ParseResult result;
     result.kind = ParseResult::Run;
     result.request = std::move(o.request);

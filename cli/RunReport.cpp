@@ -1,4 +1,5 @@
 #include "RunReport.h"
+#include "MaskOptions.h"
 
 #include "OrvDataSource/DatasetFactory.h"
 #include "OrvDataSource/GdalErrors.h"
@@ -46,7 +47,8 @@ std::string ExplainPluginText(const QString& text)
 std::vector<EigenRow> EigenTable(const boost::any& record)
 {
     std::vector<EigenRow> rows;
-    if (const auto* info = boost::any_cast<stForwardPCAInfo>(&record))
+    const boost::any seed = SeedOf(record);
+    if (const auto* info = boost::any_cast<stForwardPCAInfo>(&seed))
         for (size_t i = 0; i < info->vecEigenValues.size(); ++i)
             rows.push_back({i + 1, info->vecEigenValues[i],
                             i < info->vecContribution.size() ? 100.0 * info->vecContribution[i] : 0.0,

@@ -1,5 +1,7 @@
 #include "StatsFiles.h"
 
+#include "MaskOptions.h"
+
 #include <QDataStream>
 #include <QFile>
 
@@ -147,11 +149,11 @@ std::string Singular(const Stats& s)
 const QString* StatsPath(const Request& req, bool& mnf)
 {
     mnf = false;
-    if (const auto* f = boost::any_cast<stForwardPCAInfo>(&req.record))
+    if (const auto* f = ForwardPcaSeed(req.record))
         return &f->strStatFile;
-    if (const auto* i = boost::any_cast<stInversePCAInfo>(&req.record))
+    if (const auto* i = InversePcaSeed(req.record))
         return &i->strStatFile;
-    if (const auto* t = boost::any_cast<stTransInfo>(&req.record); t && t->nTransType == 1) {
+    if (const auto* t = TransSeed(req.record); t && t->nTransType == 1) {
         mnf = true;
         return &t->strStatFile;
     }
@@ -246,12 +248,12 @@ StatsVerdict CheckStatisticsWritten(const Request& req)
     if (!path || (req.command != "pca" && req.command != "mnf"))
         return {};
     int bands = req.inputBands;
-    if (const auto* f = boost::any_cast<stForwardPCAInfo>(&req.record); f && f->nComponents > 0)
+    if (const auto* f = ForwardPcaSeed(req.record); f && f->nComponents > 0)
         bands = f->nComponents;
     Stats s;
     if (std::string problem = mnf ? ReadMnf(*path, bands, s) : ReadPca(*path, bands, s); !problem.empty())
         return {1, problem, {}};
-    const auto* forward = boost::any_cast<stForwardPCAInfo>(&req.record);
+    const auto* forward = ForwardPcaSeed(req.record);
     if (std::string problem = NonFinite(s, forward && !forward->bCovariance); !problem.empty())
         return {1, problem, {}};
     if (std::string singular = Singular(s); !singular.empty())

@@ -4,6 +4,7 @@
 #include "CommandLine.h"
 #include "CreationOptions.h"
 #include "KeptFiles.h"
+#include "MaskOptions.h"
 #include "PluginLoader.h"
 #include "RunReport.h"
 #include "StatsFiles.h"
@@ -99,6 +100,9 @@ void PrintEigenTable(const boost::any& params)
     std::printf("%-10s %16s %14s %14s\n", "component", "eigenvalue", "percent", "cumulative");
     for (const EigenRow& row : EigenTable(params))
         std::printf("%-10zu %16.6f %14.4f %14.4f\n", row.component, row.eigenvalue, row.percent, row.cumulative);
+    long long used = 0, total = 0;
+    if (StatisticsCount(params, used, total))
+        std::printf("%s\n", StatisticsOverLine(used, total).c_str());
 }
 
 // The plug-in's failure, its plain-language reading, GDAL's reason and the I/O that failed.

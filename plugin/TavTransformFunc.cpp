@@ -1,4 +1,5 @@
 #include "TavTransformFunc.h"
+#include "frame/MaskRecords.h"
 #include "frame/PCARecords.h"
 #include "frame/RunSteps.h"
 #include "frame/stTasseledCapInfo.h"
@@ -58,6 +59,12 @@ bool TavTransformFunc::Execute()
         return ExecuteInversePCA();
     if (m_params.type() == typeid(stTasseledCapInfo))
         return ExecuteTasseledCapSet();
+    if (m_params.type() == typeid(stMaskedTransInfo))
+        return ExecuteMaskedTransInfo();
+    if (m_params.type() == typeid(stMaskedForwardPCAInfo))
+        return ExecuteMaskedForwardPCA();
+    if (m_params.type() == typeid(stMaskedInversePCAInfo))
+        return ExecuteMaskedInversePCA();
     return ExecuteTransInfo();
 }
 
@@ -172,13 +179,18 @@ bool TavTransformFunc::RunTasseledCap(const stTransInfo& info)
     KTTransformFunc worker(m_context);
     const bool ok = worker.Run(info.strInputFile, info.strOutputFile, info.strFormat, info.nSensorType, kWholeImage,
                                kWholeImage, kWholeImage, kWholeImage);
+    return FinishTasseledCap(ok, worker.ErrorText(), info.strOutputFile);
+}
+
+bool TavTransformFunc::FinishTasseledCap(bool ok, const QString& workerText, const QString& output)
+{
     if (!ok) {
         // The worker may have set 1, 2 or -1010 already; a code left by an earlier run stays too.
         if (m_nErrorCode == 0)
             m_nErrorCode = 1;
-        m_strErrorText = worker.ErrorText();
+        m_strErrorText = workerText;
         if (CancelRequested())
-            RemoveFile(info.strOutputFile);
+            RemoveFile(output);
     }
     return ok;
 }

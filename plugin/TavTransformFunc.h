@@ -10,6 +10,7 @@
 
 class CPCAEngine;
 struct stTransInfo;
+struct stMaskedTransInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
 // clean-up rules after a failure or a cancellation.
@@ -32,12 +33,20 @@ private:
     bool ExecuteForwardPCA();
     bool ExecuteInversePCA();
     bool ExecuteTasseledCapSet();
+    // Masked runs, in branches of their own (MaskedDispatch.cpp).
+    bool ExecuteMaskedTransInfo();
+    bool ExecuteMaskedForwardPCA();
+    bool ExecuteMaskedInversePCA();
+    bool RefuseMasked();
+    bool RunMaskedTasseledCap(const stMaskedTransInfo& masked);
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
     bool RunMnf(const stTransInfo& info);
     bool RunFourier(const stTransInfo& info);
     bool RunWavelet(const stTransInfo& info);
     bool RunTasseledCap(const stTransInfo& info);
+    // The Tasseled Cap's clean-up after a worker returned `ok`, for both of its runs.
+    bool FinishTasseledCap(bool ok, const QString& workerText, const QString& output);
     void Report(double percent) { m_context.Report(percent, QString()); }
 
     std::atomic<int32_t> m_nCancel{0};

@@ -173,6 +173,12 @@ std::vector<std::string> Words(const std::string& command, const py::kwargs& opt
         std::string flag = key.cast<std::string>();
         std::replace(flag.begin(), flag.end(), '_', '-');
         flag = (flag == "plugin" ? "--" : "-") + flag;
+        // mask=False is -nomask; srcnodata=[v, ...] repeats -srcnodata, whose values add up.
+        if (flag == "-mask") {
+            if (!value.is_none() && PyObject_IsTrue(value.ptr()) == 0)
+                args.push_back("-nomask");
+            continue;
+        }
         if (flags.count(flag)) { // any truthy value sets a flag, as Python's own tests do
             if (PyObject_IsTrue(value.ptr()) == 1 && flag != "-q")
                 args.push_back(flag);

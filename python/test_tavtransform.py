@@ -63,6 +63,21 @@ class Runs(unittest.TestCase):
         self.assertIn("NOPE", str(caught.exception))
         self.assertFalse(os.path.exists(self.path("bad.tif")))
 
+    def test_mask_keywords_are_the_command_line_options(self):
+        data = np.arange(6 * 5 * 7, dtype=np.uint16).reshape(6, 5, 7) + 1
+        data[:, 0, :] = 7  # a fill row, told band by band
+        ds = gdal.GetDriverByName("GTiff").Create(self.path("in.tif"), 7, 5, 6, gdal.GDT_UInt16)
+        for b in range(6):
+            ds.GetRasterBand(b + 1).WriteArray(data[b])
+        ds = None
+        for words, options in [(["-srcnodata", "7", "-dstnodata", "-5"], {"srcnodata": 7, "dstnodata": -5}),
+                               (["-srcnodata", "7 7 7 7 7 7"], {"srcnodata": [7] * 6}), (["-nomask"], {"mask": False})]:
+            with self.subTest(words):
+                subprocess.run([CLI, "kt", "-q", *words, self.path("in.tif"), self.path("cli.tif")], check=True)
+                tavtransform.run("kt", self.path("in.tif"), self.path("py.tif"), **options)
+                np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
+        self.assertTrue((read(self.path("py.tif"))[0][:, 0, :] != -5).all(), "mask=False leaves the fill in")
+
     def test_failures_and_cancellation_raise_and_leave_no_output(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")
         gdal.GetDriverByName("GTiff").Create(scene, 2000, 1500, 5).WriteArray(np.resize(np.arange(251, dtype=np.uint8), (5, 1500, 2000)))

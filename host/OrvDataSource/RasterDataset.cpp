@@ -96,6 +96,11 @@ bool RasterDataset::SetSpatialReference(const OrvUtility::_ptr_t<SpatialReferenc
 
 char** RasterDataset::GetMetadata(const char* domain) const { return m_poDS->GetMetadata(domain); }
 
+bool RasterDataset::SetMetadataItem(const char* name, const char* value, const char* domain)
+{
+    return m_poDS->SetMetadataItem(name, value, domain) == CE_None;
+}
+
 OrvUtility::_ptr_t<PixelBuffer> RasterDataset::ReadRaster(int x, int y, int w, int h, int bufW, int bufH,
                                                           const std::vector<int>& bands)
 {

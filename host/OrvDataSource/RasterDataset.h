@@ -31,6 +31,7 @@ public:
     virtual bool SetSpatialReference(const OrvUtility::_ptr_t<SpatialReference>& srs);
     GDALDataset* GetGDALDataset() const override { return m_poDS; }
     virtual char** GetMetadata(const char* domain) const;
+    virtual bool SetMetadataItem(const char* name, const char* value, const char* domain = nullptr);
     // Never null for a non-empty window: a failed read yields zero-filled pixels and leaves
     // GDAL's message in LastGdalError().
     virtual OrvUtility::_ptr_t<PixelBuffer> ReadRaster(int x, int y, int w, int h, int bufW, int bufH,

@@ -51,6 +51,12 @@ void NameBands(RasterDataset& out, const KTSensorSet& set)
 bool KTTransformFunc::Run(const QString& input, const QString& output, const QString& format, int sensor,
                           int xStart, int xEnd, int yStart, int yEnd)
 {
+    return RunWith(input, output, format, sensor, xStart, xEnd, yStart, yEnd, nullptr);
+}
+
+bool KTTransformFunc::RunWith(const QString& input, const QString& output, const QString& format, int sensor,
+                              int xStart, int xEnd, int yStart, int yEnd, KTRowHook* hook)
+{
     if (xStart != kWholeImage && (xEnd < xStart || yEnd < yStart)) {
         SetErrorInfo(1, QString());
         m_strError.clear();
@@ -84,23 +90,31 @@ bool KTTransformFunc::Run(const QString& input, const QString& output, const QSt
     NameBands(*out, set);
 
     const KTRowReader reader(*in, UsedBands(sensor, set, bandCount), win);
+    if (hook)
+        hook->Begin(*in, UsedBands(sensor, set, bandCount), win);
     const ProgressSpan progress(Context(), Tr(kContext, "Tasseled Cap Transform is running..."), 0, 100,
                                 ProgressMath::Single);
     for (int r = 0; r < win.height; ++r) {
         progress.Report(r, win.height);
         reader.Read(r, block.get());
+        if (hook)
+            hook->Row(r, block.get());
         for (int k = 0; k < set.components; ++k) {
             const KTComponent component{set.matrix + k * set.weights, set.weights,
                                         set.hasConstant ? set.constants[k] : 0.0f,
                                         set.hasConstant ? KTConstant::AddedUnlessAllZero : KTConstant::None};
             if (!ComputeComponent(component, block.get(), win.width, row.get(), Context()))
                 return LeaveCancelled();
+            if (hook)
+                hook->Component(row.get(), win.width);
             const int band = k + 1;
             out->WriteRaster(0, r, win.width, 1, row.get(), win.width, 1, PDT_Float32, 1, &band, 0, 0, 0);
         }
     }
     block.reset();
     row.reset();
+    if (hook)
+        hook->End(*out, set.components);
     CopyRpcIfPresent(*in, *out);
     return true;
 }

@@ -5,6 +5,7 @@
 #include "frame/TransWorker.h"
 #include "pca/PCAEigen.h"
 #include "pca/PCAKernels.h"
+#include "pca/PCAMasked.h"
 
 #include "OrvDataSource/DatasetFactory.h"
 
@@ -249,8 +250,10 @@ int CPCAEngine::StatisticsPass(int components)
     TypedBuffer<double> piece = NewPiece(n); // the computation's: one chunk is computed at a time
     if (!piece)
         return 1;
-    const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int) {
-        ForPieces(samples, chunk.Pixels(), n, piece.get(), [&](const double* values, long long, long long pixels) {
+    const int read = StreamChunks<TIn>(rows, readSpan, true, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
+        ForPieces(samples, chunk.Pixels(), n, piece.get(), [&](double* values, long long first, long long pixels) {
+            if (m_pMask)
+                pixels = m_pMask->KeepValid(values, first, pixels, n, slot);
             PcaWithBandCount(n, [&](auto fixed) {
                 PcaAccumulate<decltype(fixed)::value>(values, pixels, n, m_pSum.get(), m_pSumSq.get(), m_pCross.get());
             });
@@ -276,7 +279,12 @@ int CPCAEngine::StatisticsPass(int components)
 int CPCAEngine::FinishMatrix()
 {
     const int n = m_nBands;
-    const double count = static_cast<double>(m_pDataset->GetRasterXSize()) * m_pDataset->GetRasterYSize();
+    const double count = m_pMask ? static_cast<double>(m_pMask->ValidPixels())
+                                 : static_cast<double>(m_pDataset->GetRasterXSize()) * m_pDataset->GetRasterYSize();
+    if (count == 0) { // only a masked run gets here; its branch words its own failures
+        m_pContext->SetErrorInfo(1, Tr(kContext, "Every pixel of the input is masked: there are no statistics to take."));
+        return 1;
+    }
     double* mean = m_pSum.get();
     double* std = m_pSumSq.get();
     double* cross = m_pCross.get();
@@ -334,8 +342,12 @@ void CPCAEngine::HandBackEigenValues() const
 {
     const boost::any params = m_pContext->Params();
     const auto* held = boost::any_cast<stForwardPCAInfo>(&params);
-    if (!held)
+    if (!held) {
+        const long long total = static_cast<long long>(m_pDataset->GetRasterXSize()) * m_pDataset->GetRasterYSize();
+        HandBackMaskedEigenValues(*m_pContext, m_eigenValues, m_contribution, m_cumulative,
+                                  m_pMask ? m_pMask->ValidPixels() : total, total);
         return;
+    }
     stForwardPCAInfo record = *held;
     record.vecEigenValues = m_eigenValues;
     record.vecContribution = m_contribution;
@@ -384,6 +396,8 @@ int CPCAEngine::Projection(const QString& output, int components, bool subtractM
     const ProgressSpan span(*m_pContext, ForwardMessage(), 50, 100, ProgressMath::Integer);
     const int status = RotateBlocks<TIn, TOut>(*raster, rows, m, subtractMean ? m_pSum.get() : nullptr,
                                                weights.data(), nullptr, span);
+    if (status == 0 && m_pMask)
+        m_pMask->Declare(*raster, m);
     if (status == 0)
         CopyRpcIfPresent(*m_pDataset, *raster);
     m_pStatFile.reset();
@@ -401,6 +415,8 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
 {
     const int n = m_nBands;
     const ChunkPlan plan(m_pDataset->GetRasterXSize(), m_pDataset->GetRasterYSize(), rows, n);
+    if (m_pMask && !m_pMask->Prepare(*m_pDataset, n, kSlots, plan.MaxPixels()))
+        return 1;
     TypedBuffer<TIn> slots[kSlots];
     for (auto& slot : slots)
         if (!(slot = NewSamples<TIn>(plan.MaxPixels() * n)))
@@ -413,7 +429,9 @@ int CPCAEngine::StreamChunks(long long rows, const ProgressSpan& span, bool anno
     int status = 0;
     pipe.Stream(plan.Count(), [&](int index) {
         const PcaChunk chunk = plan[index];
-        if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()))
+        if (!ReadChunk(*m_pDataset, chunk, n, slots[index % kSlots].get()) ||
+            (m_pMask && !m_pMask->ReadChunk(chunk.x0, chunk.first, chunk.cols, chunk.rows,
+                                            static_cast<const TIn*>(slots[index % kSlots].get()), index % kSlots)))
             status = 1;
         else if (chunk.lastOfBlock && !span.ReportAndPoll(chunk.block, plan.Blocks().Count()))
             status = 6;
@@ -468,11 +486,13 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
             return none;
         });
         needsRange[slot] = missing;
+        if (m_pMask && !missing)
+            m_pMask->FillMasked(results[slot].get(), chunk.Pixels(), m, slot);
     }, [&](const PcaChunk& chunk, const TIn* samples, int slot) {
         if (needsRange[slot]) {
             if (!range) {
                 bool refused = false;
-                range = InputRange<TIn>(*m_pDataset, refused);
+                range = m_pMask ? m_pMask->ValidRange<TIn>(*m_pDataset, refused) : InputRange<TIn>(*m_pDataset, refused);
                 // Without the input's range the values beyond the output type cannot be mapped.
                 if (refused)
                     return false;
@@ -482,6 +502,8 @@ int CPCAEngine::RotateBlocks(RasterDataset& out, long long rows, int m, const do
                 return false;
             rotate(chunk, samples, redone.get(), redoneScratch.data(), results[slot].get(),
                    [&]() -> const PcaSampleRange& { return *range; });
+            if (m_pMask)
+                m_pMask->FillMasked(results[slot].get(), chunk.Pixels(), m, slot);
         }
         WriteChunk(out, chunk, m, results[slot].get());
         return true;
@@ -544,5 +566,8 @@ int CPCAEngine::InverseRoutine(const QString& output, const Eigen::MatrixXd& bac
     // goes back whatever the forward run subtracted; intended.
     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor> weights = back.transpose();
     const ProgressSpan span(*m_pContext, InverseMessage(), 0, 100, ProgressMath::Integer);
-    return RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span);
+    const int status = RotateBlocks<TIn, TOut>(*raster, rows, n, nullptr, weights.data(), means, span);
+    if (status == 0 && m_pMask)
+        m_pMask->Declare(*raster, n);
+    return status;
 }

@@ -12,6 +12,9 @@
 #include <vector>
 
 struct PcaSampleRange;
+class PcaMask;
+struct stMaskedForwardPCAInfo;
+struct stMaskedInversePCAInfo;
 class ProgressSpan;
 
 // Rows [first, first + rows) by columns [x0, x0 + cols) of a pass, inside block `block`; the
@@ -34,6 +37,11 @@ public:
     // 0 success; 1 input or statistics file, 2 output, 6 cancelled, 14 no routine for the types.
     int ForwardDriver(const stForwardPCAInfo& info);
     int InverseDriver(const stInversePCAInfo& info);
+    // The forward run that leaves masked pixels out of the statistics and writes the no-data value
+    // there (PCAMasked.cpp); with nothing to mask it is ForwardDriver itself.
+    int MaskedForwardDriver(const stMaskedForwardPCAInfo& masked);
+    // The inverse that writes the no-data value where the component raster is masked.
+    int MaskedInverseDriver(const stMaskedInversePCAInfo& masked);
 
     // Per (input, output) sample type; public only so one dispatch can reach them.
     template <class TIn, class TOut>
@@ -89,5 +97,6 @@ private:
     std::vector<double> m_cumulative;
     int m_nBlockMi = 4;
     bool m_bStepwise = false;
+    PcaMask* m_pMask = nullptr; // set only while a masked run is in the driver
     const RunContext* m_pContext;
 };

@@ -1,5 +1,6 @@
 #include "BandNames.h"
 #include "Quicklook.h"
+#include "MaskScene.h"
 #include "TestSupport.h"
 
 #include <cpl_vsi.h>
@@ -383,3 +384,96 @@ TEST(Quicklook, SizeBandsAndPixelsFollowTheRaster)
 }
 
 } // namespace
+
+// ---- masks: -srcnodata, -dstnodata, -nomask ----
+
+namespace {
+
+// Band k of two rasters agree at every valid pixel, and the masked one holds `fill` at the others.
+void ExpectMaskedBand(const tavtest::MaskScene& sc, const std::string& plain, const std::string& masked, int k,
+                      double fill)
+{
+    const auto a = tavtest::ReadBand(plain, k), b = tavtest::ReadBand(masked, k);
+    long long wrong = 0;
+    for (size_t i = 0; i < sc.valid.size(); ++i)
+        wrong += sc.valid[i] ? a[i] != b[i] : std::isnan(fill) ? !std::isnan(b[i]) : b[i] != fill;
+    EXPECT_EQ(wrong, 0) << masked << " band " << k;
+}
+
+} // namespace
+
+TEST(Masks, KtLeavesOutTheFillAsToldAndNomaskIsTheUnmaskedRun)
+{
+    TempDir dir;
+    using tavtest::Fill;
+    const auto declared = tavtest::MakeMaskScene(dir.file("nd.tif"), Fill::NoDataValue);
+    const auto given = tavtest::MakeMaskScene(dir.file("given.tif"), Fill::SrcNoDataPerBand);
+    const std::string out = dir.file("o.tif");
+    ASSERT_EQ(RunCli(dir, {"kt", "-q", "-nomask", declared.path, dir.file("plain.tif")}).status, 0);
+    ASSERT_EQ(RunCli(dir, {"kt", "-q", declared.path, out}).status, 0);
+    ExpectMaskedBand(declared, dir.file("plain.tif"), out, 2, std::nan(""));
+    ASSERT_EQ(RunCli(dir, {"kt", "-q", "-dstnodata", "-9999", declared.path, dir.file("d.tif")}).status, 0);
+    ExpectMaskedBand(declared, dir.file("plain.tif"), dir.file("d.tif"), 3, -9999);
+    EXPECT_EQ(tavtest::Info(dir.file("d.tif")).noData[0], std::make_pair(true, -9999.0));
+    // Unmarked fill, named band by band.
+    ASSERT_EQ(RunCli(dir, {"kt", "-q", "-nomask", given.path, dir.file("gplain.tif")}).status, 0);
+    ASSERT_EQ(RunCli(dir, {"kt", "-q", "-srcnodata", "1000 1011 1022 1033 1044 1055", given.path, dir.file("g.tif")})
+                  .status,
+              0);
+    ExpectMaskedBand(given, dir.file("gplain.tif"), dir.file("g.tif"), 1, std::nan(""));
+    // -nomask is the seed's run: the no-data value of the input carried, nothing written over.
+    EXPECT_EQ(tavtest::Info(dir.file("plain.tif")).noData[0], std::make_pair(true, 0.0));
+}
+
+TEST(Masks, BadMaskOptionsAreUsageErrors)
+{
+    TempDir dir;
+    const std::string in = Scene(dir);
+    const struct { std::vector<std::string> args; std::string message; } cases[] = {
+        {{"kt", "-srcnodata", "1 2", in, dir.file("o.tif")}, "one value or one per band"},
+        {{"kt", "-srcnodata", "x", in, dir.file("o.tif")}, "option -srcnodata takes numbers"},
+        {{"kt", "-dstnodata", "low", in, dir.file("o.tif")}, "option -dstnodata takes a number"},
+        {{"kt", "-nomask", "-dstnodata", "0", in, dir.file("o.tif")}, "does not go with"},
+        {{"dwt", "-nomask", in, dir.file("o.tif")}, "not an option of 'dwt'"},
+        {{"pca", "-stats", dir.file("s.sta"), "-ot", "Byte", "-dstnodata", "300", in, dir.file("o.tif")},
+         "does not fit the output type Byte"},
+    };
+    for (const auto& c : cases)
+        ExpectRefused(dir, c.args, 2, c.message, in, dir.file("o.tif"));
+}
+
+TEST(Masks, PcaSaysHowManyPixelsItsStatisticsSawAndNomaskSeesThemAll)
+{
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("nd.tif"), tavtest::Fill::NoDataValue);
+    ASSERT_EQ(sc.width * sc.height, 1073);
+    const std::string total = "1,073"; // grouped as English writes it
+    const CliResult masked = RunCli(dir, {"pca", "-q", "-stats", dir.file("m.sta"), "-stats-only", sc.path});
+    ASSERT_EQ(masked.status, 0) << masked.err;
+    EXPECT_NE(masked.out.find("statistics over " + std::to_string(sc.ValidCount()) + " of " + total + " pixels"),
+              std::string::npos)
+        << masked.out;
+    const CliResult all = RunCli(dir, {"pca", "-q", "-nomask", "-stats", dir.file("a.sta"), "-stats-only", sc.path});
+    ASSERT_EQ(all.status, 0) << all.err;
+    EXPECT_EQ(all.out.find("statistics over"), std::string::npos) << all.out;
+    ASSERT_EQ(RunCli(dir, {"pca", "-q", "-stats", dir.file("r.sta"), sc.path, dir.file("pc.tif")}).status, 0);
+    const auto info = tavtest::Info(dir.file("pc.tif"));
+    EXPECT_TRUE(info.noData[0].first && std::isnan(info.noData[0].second));
+    // Centred Int16 components back to the bands (the inverse always adds the means): the fill comes back as -dstnodata, the scene as the input.
+    ASSERT_EQ(RunCli(dir, {"pca", "-q", "-center", "-ot", "Int16", "-stats", dir.file("i.sta"), sc.path, dir.file("pci.tif")})
+                  .status,
+              0);
+    ASSERT_EQ(RunCli(dir, {"pca-inverse", "-q", "-dstnodata", "-1", "-stats", dir.file("i.sta"), dir.file("pci.tif"),
+                           dir.file("back.tif")})
+                  .status,
+              0);
+    const auto back = tavtest::ReadBand(dir.file("back.tif"), 2);
+    long long wrong = 0;
+    for (int y = 0; y < sc.height; ++y)
+        for (int x = 0; x < sc.width; ++x) {
+            const double got = back[static_cast<size_t>(y) * sc.width + x];
+            // Six components truncated to whole numbers: at most sqrt(6) off after the rotation back.
+            wrong += sc.Valid(x, y) ? std::abs(got - sc.Value(1, x, y)) > 2.45 : got != -1;
+        }
+    EXPECT_EQ(wrong, 0);
+}

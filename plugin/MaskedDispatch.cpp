@@ -1,0 +1,59 @@
+// Execute's branches for the masked records; the unmasked records never come here.
+#include "TavTransformFunc.h"
+#include "frame/MaskRecords.h"
+#include "kt/KTMasked.h"
+#include "pca/PCAEngine.h"
+
+#include <QCoreApplication>
+
+bool TavTransformFunc::ExecuteMaskedTransInfo()
+{
+    const stMaskedTransInfo masked = boost::any_cast<stMaskedTransInfo>(m_params);
+    Report(0);
+    bool ok = false;
+    if (masked.info.nTransType == 4)
+        ok = RunMaskedTasseledCap(masked);
+    else
+        RefuseMasked();
+    if (CancelRequested() && !ok)
+        m_nErrorCode = -1010;
+    Report(100);
+    return ok;
+}
+
+// Transforms whose masked runs are not built yet say so rather than ignore the masks.
+bool TavTransformFunc::RefuseMasked()
+{
+    m_nErrorCode = 1;
+    m_strErrorText = QCoreApplication::translate(
+        "TavTransformFunc", "No-data masking is not available for this transform yet; run it without masks.");
+    return false;
+}
+
+bool TavTransformFunc::ExecuteMaskedInversePCA()
+{
+    const stMaskedInversePCAInfo masked = boost::any_cast<stMaskedInversePCAInfo>(m_params);
+    const stInversePCAInfo& info = masked.info;
+    // A fresh engine, as the unmasked inverse makes; the one it replaces stays until this object goes.
+    if (m_pPCAEngine)
+        m_replacedEngines.emplace_back(m_pPCAEngine);
+    m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
+    return FinishPca(m_pPCAEngine->MaskedInverseDriver(masked), {info.strOutputFile});
+}
+
+bool TavTransformFunc::ExecuteMaskedForwardPCA()
+{
+    const stMaskedForwardPCAInfo masked = boost::any_cast<stMaskedForwardPCAInfo>(m_params);
+    const stForwardPCAInfo& info = masked.info;
+    if (!m_pPCAEngine)
+        m_pPCAEngine = new CPCAEngine(info.strInputFile, &m_context);
+    return FinishPca(m_pPCAEngine->MaskedForwardDriver(masked), {info.strOutputFile, info.strStatFile});
+}
+
+bool TavTransformFunc::RunMaskedTasseledCap(const stMaskedTransInfo& masked)
+{
+    const stTransInfo& info = masked.info;
+    KTMaskedTransformFunc worker(m_context);
+    const bool ok = worker.Run(info.strInputFile, info.strOutputFile, info.strFormat, info.nSensorType, masked.mask);
+    return FinishTasseledCap(ok, worker.ErrorText(), info.strOutputFile);
+}

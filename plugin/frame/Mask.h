@@ -1,0 +1,76 @@
+#pragma once
+// Which pixels of a run's bands are left out: the host's mask of each band, combined over the
+// bands a run uses (a pixel is masked where any of them is), and the value written in their place.
+#include "frame/MaskRecords.h"
+#include "frame/RunSteps.h"
+
+#include "OrvDataSource/RasterDataset.h"
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+#include <vector>
+
+class RunMask {
+public:
+    // bands: the 1-based bands the run reads.
+    RunMask(OrvDataSource::RasterDataset& in, const BandNumbers& bands, const stMaskInfo& info);
+    // False when no pixel can be masked: the run is then the unmasked one, bit for bit.
+    bool Active() const { return m_active; }
+    // valid[p] for the window, row after row: 1 where every band is valid. The masked count.
+    long long Read(int x, int y, int w, int h, uint8_t* valid) const;
+    // The same, from the bands' samples of the window that the caller has read already (band
+    // after band, `stride` samples apart, each band exactly as stored or widened without loss):
+    // only masks that are no value of the band are read. Not counted.
+    template <class T>
+    void ReadWith(int x, int y, int w, int h, const T* samples, long long stride, uint8_t* valid) const;
+
+private:
+    OrvDataSource::RasterDataset& m_in;
+    BandNumbers m_bands;
+    std::vector<double> m_srcNoData; // per used band, empty when not given
+    bool m_useMasks;
+    bool m_active = false;
+    std::vector<OrvDataSource::RasterBand::ValidityRule> m_rules;
+};
+
+template <class T>
+void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long stride, uint8_t* valid) const
+{
+    const long long count = static_cast<long long>(w) * h;
+    std::fill(valid, valid + count, uint8_t{1});
+    if (!m_active)
+        return;
+    std::vector<uint8_t> band;
+    for (std::size_t j = 0; j < m_bands.size(); ++j) {
+        const auto& rule = m_rules[j];
+        if (rule.readMask) {
+            band.resize(static_cast<std::size_t>(count));
+            m_in.GetRasterBand(m_bands[j] - 1)->ReadValidity(x, y, w, h, band.data(),
+                                                            m_srcNoData.empty() ? nullptr : &m_srcNoData[j], m_useMasks);
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= band[i];
+            continue;
+        }
+        const T* s = samples + static_cast<long long>(j) * stride;
+        if (rule.hasValue && std::isnan(rule.value)) {
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(!std::isnan(static_cast<double>(s[i])));
+        } else if (rule.hasValue) {
+            const double v = rule.value;
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(static_cast<double>(s[i]) != v);
+        }
+        if constexpr (std::is_floating_point_v<T>)
+            if (rule.nonFinite)
+                for (long long i = 0; i < count; ++i)
+                    valid[i] &= static_cast<uint8_t>(std::isfinite(s[i]));
+    }
+}
+
+// The value a masked pixel gets in an output of `pixelType`: the record's choice when it fits the
+// type, else NaN for floating-point types and the type's lowest value for integers.
+double OutputNoData(const stMaskInfo& info, int pixelType);
+
+// "statistics over 8,412,113 of 12,000,000 pixels"
+QString StatisticsOverText(long long used, long long total);

@@ -1,0 +1,116 @@
+#include "AlgoHarness.h"
+#include "MaskScene.h"
+#include "TestSupport.h"
+#include "frame/MaskRecords.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+using namespace tavtest;
+
+namespace {
+
+stMaskedTransInfo MaskedKt(const MaskScene& sc, const std::string& out, int sensor = 2)
+{
+    stMaskedTransInfo m;
+    m.info = TransRecord(4, true, sc.path, out);
+    m.info.nSensorType = sensor;
+    m.mask = sc.mask;
+    return m;
+}
+
+bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+class MaskedKtByFill : public ::testing::TestWithParam<Fill> {};
+
+// The fill, however it is marked, is no-data in every component; the scene is the unmasked transform.
+TEST_P(MaskedKtByFill, FillIsNoDataAndTheSceneIsTheUnmaskedTransform)
+{
+    TempDir dir;
+    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), GetParam());
+    // The alpha scene has four bands: the MSS set takes them, alpha included.
+    const int sensor = GetParam() == Fill::AlphaBand ? 1 : 2;
+    const int components = sensor == 1 ? 4 : 6;
+    AlgoHarness plain, masked;
+    stTransInfo seed = TransRecord(4, true, sc.path, dir.file("plain.tif"));
+    seed.nSensorType = sensor;
+    ASSERT_TRUE(plain.Run(seed)) << plain.Text().toStdString();
+    ASSERT_TRUE(masked.Run(MaskedKt(sc, dir.file("masked.tif"), sensor))) << masked.Text().toStdString();
+    const RasterInfo info = Info(dir.file("masked.tif"));
+    ASSERT_EQ(info.bands, components);
+    for (int k = 1; k <= components; ++k) {
+        EXPECT_TRUE(info.noData[k - 1].first && std::isnan(info.noData[k - 1].second)) << "band " << k;
+        const auto a = ReadBand(dir.file("plain.tif"), k), b = ReadBand(dir.file("masked.tif"), k);
+        long long wrong = 0;
+        for (int y = 0; y < sc.height; ++y)
+            for (int x = 0; x < sc.width; ++x) {
+                const size_t i = static_cast<size_t>(y) * sc.width + x;
+                wrong += sc.Valid(x, y) ? !SameBits(static_cast<float>(a[i]), static_cast<float>(b[i]))
+                                        : !std::isnan(b[i]);
+            }
+        EXPECT_EQ(wrong, 0) << "band " << k;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Fills, MaskedKtByFill,
+                         ::testing::Values(Fill::NoDataValue, Fill::MaskBand, Fill::AlphaBand, Fill::NaN,
+                                           Fill::SrcNoDataPerBand),
+                         [](const auto& info) { return std::string(FillName(info.param)); });
+
+// A chosen output value is written and declared instead of NaN.
+TEST(MaskedKt, DestinationValueIsWrittenAndDeclared)
+{
+    TempDir dir;
+    MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::NoDataValue);
+    sc.mask.dDstNoData = -9999;
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(MaskedKt(sc, dir.file("out.tif"))));
+    const RasterInfo info = Info(dir.file("out.tif"));
+    EXPECT_EQ(info.noData[2], std::make_pair(true, -9999.0));
+    const auto b = ReadBand(dir.file("out.tif"), 3);
+    for (int y = 0; y < sc.height; ++y) {
+        for (int x = 0; x < sc.width; ++x) {
+            if (!sc.Valid(x, y)) {
+                ASSERT_EQ(b[static_cast<size_t>(y) * sc.width + x], -9999.0);
+            }
+        }
+    }
+}
+
+// Nothing to mask (no no-data, or masks turned off): the very bytes of the unmasked run.
+TEST(MaskedKt, NothingToMaskOrMasksOffGiveTheUnmaskedRunsBytes)
+{
+    TempDir dir;
+    struct Case {
+        Fill fill;
+        bool useMasks;
+    };
+    for (const Case c : {Case{Fill::None, true}, Case{Fill::NoDataValue, false}, Case{Fill::MaskBand, false}}) {
+        MaskScene sc = MakeMaskScene(dir.file("in.tif"), c.fill);
+        sc.mask.bUseMasks = c.useMasks;
+        stTransInfo seed = TransRecord(4, true, sc.path, dir.file("plain.tif"));
+        seed.nSensorType = 0;
+        AlgoHarness plain, masked;
+        ASSERT_TRUE(plain.Run(seed));
+        ASSERT_TRUE(masked.Run(MaskedKt(sc, dir.file("masked.tif"), 0)));
+        EXPECT_EQ(ReadFile(dir.file("plain.tif")), ReadFile(dir.file("masked.tif"))) << FillName(c.fill);
+    }
+}
+
+// Masking is only built for some transforms so far; the others refuse rather than ignore it.
+TEST(MaskedKt, OtherTransformsRefuseMaskedRecords)
+{
+    TempDir dir;
+    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::NoDataValue);
+    stMaskedTransInfo m = MaskedKt(sc, dir.file("out.tif"));
+    m.info.nTransType = 3;
+    AlgoHarness h;
+    EXPECT_FALSE(h.Run(m));
+    EXPECT_EQ(h.Code(), 1);
+    EXPECT_FALSE(h.Text().isEmpty());
+    EXPECT_FALSE(Exists(dir.file("out.tif")));
+}
+
+} // namespace
