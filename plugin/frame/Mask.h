@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -35,6 +36,12 @@ private:
 };
 
 template <class T>
+bool InRangeOf(double v)
+{
+    return static_cast<double>(std::numeric_limits<T>::lowest()) <= v && v <= static_cast<double>(std::numeric_limits<T>::max());
+}
+
+template <class T>
 void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long stride, uint8_t* valid) const
 {
     const long long count = static_cast<long long>(w) * h;
@@ -56,10 +63,12 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
         if (rule.hasValue && std::isnan(rule.value)) {
             for (long long i = 0; i < count; ++i)
                 valid[i] &= static_cast<uint8_t>(!std::isnan(static_cast<double>(s[i])));
-        } else if (rule.hasValue) {
-            const double v = rule.value;
+        } else if (rule.hasValue && InRangeOf<T>(rule.value) && static_cast<double>(static_cast<T>(rule.value)) == rule.value) {
+            // Compared in the samples' own type, which vectorises; a value the type cannot hold
+            // matches no sample at all.
+            const T v = static_cast<T>(rule.value);
             for (long long i = 0; i < count; ++i)
-                valid[i] &= static_cast<uint8_t>(static_cast<double>(s[i]) != v);
+                valid[i] &= static_cast<uint8_t>(s[i] != v);
         }
         if constexpr (std::is_floating_point_v<T>)
             if (rule.nonFinite)
