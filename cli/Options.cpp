@@ -175,7 +175,7 @@ std::string TakeOption(const std::vector<std::string>& args, size_t& i, Options&
 // True when `word` is an option seen before that takes no repeats (only -b, -co and -q do).
 bool RepeatedOption(const std::string& word, std::set<std::string>& seen)
 {
-    static const std::set<std::string> repeatable = {"-b", "-co", "-q"};
+    static const std::set<std::string> repeatable = {"-b", "-co", "-srcnodata", "-q"};
     return word.size() > 1 && word[0] == '-' && !repeatable.count(word) && !seen.insert(word).second;
 }
 

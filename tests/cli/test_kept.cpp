@@ -159,9 +159,10 @@ TEST_F(Kept, RefusedAndFailedRunsLeaveEveryFileAsItWas)
         {{"dwt-inverse", "in.tif", "o.tif"}, 1, "ERROR 1: Datatype Error!"},
         {{"mnf-inverse", "-stats", "s.sta", "a.png", "o.tif"}, 2, "describes 6 bands, but INPUT has 1"},
         // Values that cannot be represented.
-        {{"pca", "-stats", "n.sta", "nan.tif", "o.tif"}, 1, "band 2 of the scene holds NaN or infinite values"},
+        // Without masks, which would leave the NaN pixels out.
+        {{"pca", "-nomask", "-stats", "n.sta", "nan.tif", "o.tif"}, 1, "band 2 of the scene holds NaN or infinite values"},
         {{"mnf", "-stats", "n.sta", "inf.tif", "o.tif"}, 1, "band 3 of the scene holds NaN or infinite values"},
-        {{"pca", "-stats-only", "-stats", "s.sta", "nan.tif"}, 1, "band 2 of the scene holds NaN"},
+        {{"pca", "-nomask", "-stats-only", "-stats", "s.sta", "nan.tif"}, 1, "band 2 of the scene holds NaN"},
         {{"pca", "-corr", "-stats", "s.sta", "const.tif", "o.tif"}, 1, "band 3 is constant, so its correlations"},
         {{"pca-inverse", "-stats", "pnan.sta", "p4.tif", "o.tif"}, 1, "holds values that are not numbers"},
         {{"pca-inverse", "-stats", "psing.sta", "p4.tif", "o.tif"}, 1, "bands 1 and 2 depend on each other"},
