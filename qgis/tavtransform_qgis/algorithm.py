@@ -46,6 +46,11 @@ KINDS = {
     "creation": (lambda o: QgsProcessingParameterString(o.name, o.label, optional=True),
                  lambda alg, p, c, o: [e.strip() for e in alg.parameterAsString(p, o.name, c).split("|") if e.strip()]
                  or None),
+    "text": (lambda o: QgsProcessingParameterString(o.name, o.label, optional=True),
+             lambda alg, p, c, o: alg.parameterAsString(p, o.name, c).strip() or None),
+    "value": (lambda o: QgsProcessingParameterNumber(o.name, o.label, QgsProcessingParameterNumber.Double,
+                                                     optional=True),
+              lambda alg, p, c, o: None if p.get(o.name) in (None, "") else alg.parameterAsDouble(p, o.name, c)),
     "png_out": (lambda o: QgsProcessingParameterFileDestination(o.name, o.label, "PNG files (*.png)",
                                                                 optional=True, createByDefault=False),
                 lambda alg, p, c, o: alg.parameterAsFileOutput(p, o.name, c) or None),

@@ -90,9 +90,12 @@ class SameFilesAsTheCommandLine(Tmp):
     # (algorithm, Processing parameters, command-line words, input: the scene or a forward run's output).
     # Forward runs write their statistics to one path in both runs, so even the recorded options match.
     CASES = [
-        ("kt", {"SENSOR": 3, "QUICKLOOK": "kt.png"}, ["kt", "-sensor", "oli", "-quicklook", "kt.png"], None),
-        ("pca", {"STATISTICS": "pca.sta", "COMPONENTS": 4, "CORRELATION": True, "CENTER": False, "DATA_TYPE": 6},
-         ["pca", "-stats", "pca.sta", "-n", "4", "-corr", "-no-center", "-ot", "Float64"], None),
+        ("kt", {"SENSOR": 3, "QUICKLOOK": "kt.png", "MASK": False},
+         ["kt", "-sensor", "oli", "-quicklook", "kt.png", "-nomask"], None),
+        ("pca", {"STATISTICS": "pca.sta", "COMPONENTS": 4, "CORRELATION": True, "CENTER": False, "DATA_TYPE": 6,
+                 "SRC_NODATA": "60", "DST_NODATA": -1},
+         ["pca", "-stats", "pca.sta", "-n", "4", "-corr", "-no-center", "-ot", "Float64", "-srcnodata", "60",
+          "-dstnodata", "-1"], None),
         ("pca_inverse", {"STATISTICS": "cli/pca.sta", "DATA_TYPE": 1},
          ["pca-inverse", "-stats", "cli/pca.sta", "-ot", "UInt16"], "pca"),
         ("mnf", {"STATISTICS": "mnf.sta"}, ["mnf", "-stats", "mnf.sta"], None),
