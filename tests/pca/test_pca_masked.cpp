@@ -35,6 +35,21 @@ std::vector<double> ReadDoubles(const std::string& path)
 }
 
 // Means and population covariance of the valid pixels, summed in long double, straight from the formula.
+// Pixels of band `band` of `path` that are wrong: at the fill `atFill(got)` must hold, at a valid
+// pixel `atValid(x, y, got)`.
+template <class AtFill, class AtValid>
+long long Mismatches(const std::string& path, int band, const MaskScene& sc, AtFill atFill, AtValid atValid)
+{
+    const auto values = ReadBand(path, band);
+    long long wrong = 0;
+    for (int y = 0; y < sc.height; ++y)
+        for (int x = 0; x < sc.width; ++x) {
+            const double got = values[static_cast<size_t>(y) * sc.width + x];
+            wrong += sc.Valid(x, y) ? !atValid(x, y, got) : !atFill(got);
+        }
+    return wrong;
+}
+
 struct Direct {
     std::vector<long double> mean;
     Eigen::MatrixXd cov;
@@ -115,36 +130,24 @@ TEST_P(MaskedPcaByFill, StatisticsAndComponentsAreThoseOfTheValidPixels)
     EXPECT_EQ(item ? std::string(item) : std::string(), expectedItem);
     GDALClose(out);
     // Component k at a valid pixel: (x − mean) · eigenvector k, with the file's eigenvectors.
-    for (int k = 0; k < n; ++k) {
-        const auto c = ReadBand(dir.file("pc.tif"), k + 1);
-        long long wrong = 0;
-        for (int y = 0; y < sc.height; ++y)
-            for (int x = 0; x < sc.width; ++x) {
-                const double got = c[static_cast<size_t>(y) * sc.width + x];
-                if (!sc.Valid(x, y)) {
-                    wrong += !std::isnan(got);
-                    continue;
-                }
-                long double want = 0;
-                for (int b = 0; b < n; ++b)
-                    want += (sc.Value(b, x, y) - d.mean[b]) * file[1 + n + n * n + b * n + k];
-                wrong += std::abs(got - static_cast<double>(want)) > 1e-9 * 1000;
-            }
-        EXPECT_EQ(wrong, 0) << "component " << k + 1;
-    }
+    for (int k = 0; k < n; ++k)
+        EXPECT_EQ(Mismatches(dir.file("pc.tif"), k + 1, sc, [](double got) { return std::isnan(got); },
+                             [&](int x, int y, double got) {
+                                 long double want = 0;
+                                 for (int b = 0; b < n; ++b)
+                                     want += (sc.Value(b, x, y) - d.mean[b]) * file[1 + n + n * n + b * n + k];
+                                 return std::abs(got - static_cast<double>(want)) <= 1e-9 * 1000;
+                             }),
+                  0)
+            << "component " << k + 1;
     // The seed's inverse takes the components back; the fill stays NaN.
     stInversePCAInfo inv{Q(dir.file("pc.tif")), Q(dir.file("s.sta")), Q(dir.file("back.tif")), "GTiff", 6};
     ASSERT_TRUE(h.Run(inv)) << h.Text().toStdString();
-    for (int b = 0; b < n; ++b) {
-        const auto back = ReadBand(dir.file("back.tif"), b + 1);
-        long long wrong = 0;
-        for (int y = 0; y < sc.height; ++y)
-            for (int x = 0; x < sc.width; ++x) {
-                const double got = back[static_cast<size_t>(y) * sc.width + x];
-                wrong += sc.Valid(x, y) ? std::abs(got - sc.Value(b, x, y)) > 1e-9 : !std::isnan(got);
-            }
-        EXPECT_EQ(wrong, 0) << "band " << b + 1;
-    }
+    for (int b = 0; b < n; ++b)
+        EXPECT_EQ(Mismatches(dir.file("back.tif"), b + 1, sc, [](double got) { return std::isnan(got); },
+                             [&](int x, int y, double got) { return std::abs(got - sc.Value(b, x, y)) <= 1e-9; }),
+                  0)
+            << "band " << b + 1;
 }
 
 INSTANTIATE_TEST_SUITE_P(Fills, MaskedPcaByFill,
@@ -191,30 +194,22 @@ TEST_P(MaskedPcaByteNoData, IntegerOutputKeepsItsNoDataOutOfTheStretch)
             for (int b = 0; b < n && sc.Valid(x, y); ++b)
                 lo = std::min(lo, sc.Value(b, x, y)), hi = std::max(hi, sc.Value(b, x, y));
     long long stretched = 0;
-    for (int k = 0; k < n; ++k) {
-        const auto c = ReadBand(dir.file("pc.tif"), k + 1);
-        long long wrong = 0;
-        for (int y = 0; y < sc.height; ++y)
-            for (int x = 0; x < sc.width; ++x) {
-                const double got = c[static_cast<size_t>(y) * sc.width + x];
-                if (!sc.Valid(x, y)) {
-                    wrong += got != fill;
-                    continue;
-                }
-                long double v = 0;
-                for (int b = 0; b < n; ++b)
-                    v += sc.Value(b, x, y) * file[1 + n + n * n + b * n + k];
-                const double cv = static_cast<double>(v);
-                double want = 0 < cv && cv < 255 ? std::trunc(cv)
-                              : cv <= lo         ? 0
-                              : cv < hi          ? std::trunc((cv - lo) * 255 / (hi - lo))
-                                                 : 255;
-                stretched += !(0 < cv && cv < 255);
-                want = want == fill ? aside : want;
-                wrong += got != want;
-            }
-        EXPECT_EQ(wrong, 0) << "component " << k + 1;
-    }
+    for (int k = 0; k < n; ++k)
+        EXPECT_EQ(Mismatches(dir.file("pc.tif"), k + 1, sc, [&](double got) { return got == fill; },
+                             [&](int x, int y, double got) {
+                                 long double v = 0;
+                                 for (int b = 0; b < n; ++b)
+                                     v += sc.Value(b, x, y) * file[1 + n + n * n + b * n + k];
+                                 const double cv = static_cast<double>(v);
+                                 double want = 0 < cv && cv < 255 ? std::trunc(cv)
+                                               : cv <= lo         ? 0
+                                               : cv < hi          ? std::trunc((cv - lo) * 255 / (hi - lo))
+                                                                  : 255;
+                                 stretched += !(0 < cv && cv < 255);
+                                 return got == (want == fill ? aside : want);
+                             }),
+                  0)
+            << "component " << k + 1;
     EXPECT_GT(stretched, 0) << "the scene must reach beyond Byte for the stretch to be tried";
 }
 
