@@ -1,6 +1,9 @@
 #include "MaskOptions.h"
 
+#include "frame/stTasseledCapInfo.h"
+
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <sstream>
 
@@ -116,6 +119,12 @@ std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands, const st
 
 boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask)
 {
+    // A set the host brings carries its mask itself, -nomask included.
+    if (const auto* r = boost::any_cast<stTasseledCapInfo>(&seed)) {
+        stTasseledCapInfo set = *r;
+        set.mask = MaskInfo(mask);
+        return set;
+    }
     if (mask.noMask)
         return seed;
     if (const auto* r = boost::any_cast<stTransInfo>(&seed))
@@ -147,4 +156,50 @@ bool StatisticsCount(const boost::any& record, long long& used, long long& total
     used = r->nValidPixels;
     total = r->nTotalPixels;
     return true;
+}
+
+namespace {
+
+// The mask a record carries; null for an unmasked record.
+const stMaskInfo* MaskOf(const boost::any& record)
+{
+    if (const auto* r = boost::any_cast<stMaskedTransInfo>(&record))
+        return &r->mask;
+    if (const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record))
+        return &r->mask;
+    if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
+        return &r->mask;
+    if (const auto* r = boost::any_cast<stTasseledCapInfo>(&record))
+        return &r->mask;
+    return nullptr;
+}
+
+// The shortest text that reads back as the same double ("-9999", "0.1", "nan").
+std::string Shortest(double v)
+{
+    char text[32];
+    const auto end = std::to_chars(text, text + sizeof text, v).ptr;
+    return std::string(text, end);
+}
+
+} // namespace
+
+std::string MaskOptionsText(const std::string& command, const boost::any& record)
+{
+    if (!TakesMaskOptions(command))
+        return {};
+    const stMaskInfo* mask = MaskOf(record);
+    if (!mask || !mask->bUseMasks)
+        return "-nomask";
+    std::string text;
+    if (!mask->vecSrcNoData.empty()) {
+        std::string values;
+        for (double v : mask->vecSrcNoData)
+            values += (values.empty() ? "" : " ") + Shortest(v);
+        text = "-srcnodata " + (mask->vecSrcNoData.size() > 1 ? "\"" + values + "\"" : values);
+    }
+    // NaN is the default: the output type's own value.
+    if (!std::isnan(mask->dDstNoData))
+        text += (text.empty() ? "-dstnodata " : " -dstnodata ") + Shortest(mask->dDstNoData);
+    return text;
 }

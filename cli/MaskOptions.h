@@ -23,7 +23,8 @@ std::string TakeMaskOption(const std::string& flag, const std::string& value, Ma
 std::string MaskOptionsProblem(const MaskOptions& mask, int inputBands, const std::string& outType);
 // "statistics over 8,412,113 of 12,000,000 pixels"
 std::string StatisticsOverLine(long long used, long long total);
-// The masked record around `seed` unless -nomask asks for the unmasked run (then `seed` itself).
+// The masked record around `seed` unless -nomask asks for the unmasked run (then `seed` itself);
+// a Tasseled Cap set record takes the options into its own mask.
 boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask);
 // The seed's record inside a masked one; any other record as it is.
 boost::any SeedOf(const boost::any& record);
@@ -48,5 +49,9 @@ inline const stInversePCAInfo* InversePcaSeed(const boost::any& r)
 // The pixels a masked statistics run used and all of them; false for other records and for runs
 // that left nothing out.
 bool StatisticsCount(const boost::any& record, long long& used, long long& total);
+
+// The mask options of `command`'s run as they would be typed again, read from its record: empty
+// for the default masks or a command without them.
+std::string MaskOptionsText(const std::string& command, const boost::any& record);
 
 extern const char* const kMaskHelp;

@@ -1,4 +1,5 @@
 #pragma once
+#include "frame/MaskRecords.h"
 #include "frame/stTransInfo.h"
 
 #include <QString>
@@ -19,4 +20,7 @@ struct stTasseledCapInfo {
     QString strSensor;                   // the set's name, e.g. "oli"; empty for a user's file
     QString strCoefficientFile;          // the user's file; empty for a published set
     QString strReference;                // the publication the set is taken from
+    // Which pixels have no components and what they get instead; source values one for all input
+    // bands or one per input band (not per column).
+    stMaskInfo mask;
 };

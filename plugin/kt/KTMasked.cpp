@@ -8,13 +8,27 @@ using namespace OrvDataSource;
 
 namespace {
 
+// Source values given one per input band follow the bands the run reads, which need not be the
+// first ones (band 7 in place of band 6, a published set's band choice).
+stMaskInfo PerUsedBand(const stMaskInfo& info, int bandCount, const BandNumbers& bands)
+{
+    stMaskInfo used = info;
+    if (info.vecSrcNoData.size() > 1 && static_cast<int>(info.vecSrcNoData.size()) == bandCount) {
+        used.vecSrcNoData.clear();
+        for (int b : bands)
+            used.vecSrcNoData.push_back(info.vecSrcNoData[b - 1]);
+    }
+    return used;
+}
+
 class MaskedRows : public KTRowHook {
 public:
     explicit MaskedRows(const stMaskInfo& info) : m_info(info), m_value(static_cast<float>(OutputNoData(info, PDT_Float32))) {}
 
     void Begin(RasterDataset& in, const BandNumbers& bands, const PixelWindow& win) override
     {
-        m_mask = std::make_unique<RunMask>(in, bands, m_info);
+        m_used = PerUsedBand(m_info, in.GetBandCount(), bands);
+        m_mask = std::make_unique<RunMask>(in, bands, m_used);
         m_win = win;
         // The row's floats hold these types exactly, so their value rules need no second read.
         m_fromRow = true;
@@ -57,6 +71,7 @@ public:
 
 private:
     const stMaskInfo& m_info;
+    stMaskInfo m_used;
     float m_value;
     std::unique_ptr<RunMask> m_mask;
     PixelWindow m_win;
@@ -74,3 +89,5 @@ bool KTMaskedTransformFunc::Run(const QString& input, const QString& output, con
     MaskedRows hook(mask);
     return RunWith(input, output, format, sensor, kWholeImage, kWholeImage, kWholeImage, kWholeImage, &hook);
 }
+
+std::unique_ptr<KTRowHook> NewMaskedRows(const stMaskInfo& mask) { return std::make_unique<MaskedRows>(mask); }

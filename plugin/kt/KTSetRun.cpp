@@ -2,6 +2,7 @@
 #include "frame/RunSteps.h"
 #include "frame/stTasseledCapInfo.h"
 #include "kt/KTKernel.h"
+#include "kt/KTMasked.h"
 #include "kt/KTTransformFunc.h"
 
 #include <gdal_priv.h>
@@ -74,48 +75,6 @@ void Unscale(const stTasseledCapInfo& info, int width, float* block)
     }
 }
 
-// The no-data values of the used bands, as the block holds them (floats). A pixel where any used
-// band holds its no-data value has no components: it becomes NaN, the outputs' no-data value.
-class NoDataPixels {
-public:
-    NoDataPixels(RasterDataset& in, const std::vector<int>& bands, int width) : m_width(width)
-    {
-        for (std::size_t j = 0; j < bands.size(); ++j) {
-            double value = 0;
-            if (in.GetRasterBand(bands[j] - 1)->GetNoDataValue(&value))
-                m_columns.push_back({static_cast<int>(j), ToFloatSample(value)});
-        }
-        if (Any())
-            m_mask.assign(width, 0);
-    }
-    bool Any() const { return !m_columns.empty(); }
-    // Finds the row's no-data pixels in the block as read, before any unscaling.
-    void Mark(const float* block)
-    {
-        std::fill(m_mask.begin(), m_mask.end(), 0);
-        for (const Column& c : m_columns) {
-            const float* row = block + static_cast<std::size_t>(c.index) * m_width;
-            for (int p = 0; p < m_width; ++p)
-                m_mask[p] |= row[p] == c.value || (std::isnan(c.value) && std::isnan(row[p]));
-        }
-    }
-    void Apply(float* out) const
-    {
-        for (std::size_t p = 0; p < m_mask.size(); ++p)
-            if (m_mask[p])
-                out[p] = std::numeric_limits<float>::quiet_NaN();
-    }
-
-private:
-    struct Column {
-        int index;
-        float value;
-    };
-    int m_width;
-    std::vector<Column> m_columns;
-    std::vector<unsigned char> m_mask;
-};
-
 void NameBands(RasterDataset& out, const std::vector<QString>& names)
 {
     if (GDALDataset* gds = out.GetGDALDataset())
@@ -157,9 +116,8 @@ bool KTTransformFunc::RunSet(const stTasseledCapInfo& info, bool& created)
     if (!block || !row)
         return Fail(kContext, "Apply memory Fail!");
     NameBands(*out, info.vecNames);
-    NoDataPixels noData(*in, info.vecBands, win.width);
-    for (int k = 0; noData.Any() && k < components; ++k)
-        out->GetRasterBand(k)->SetNoDataValue(std::numeric_limits<double>::quiet_NaN());
+    const std::unique_ptr<KTRowHook> masked = NewMaskedRows(info.mask);
+    masked->Begin(*in, info.vecBands, win);
 
     const KTRowReader reader(*in, info.vecBands, win);
     const ProgressSpan progress(Context(), Tr(kContext, "Tasseled Cap Transform is running..."), 0, 100,
@@ -167,17 +125,17 @@ bool KTTransformFunc::RunSet(const stTasseledCapInfo& info, bool& created)
     for (int r = 0; r < win.height; ++r) {
         progress.Report(r, win.height);
         reader.Read(r, block.get());
-        if (noData.Any())
-            noData.Mark(block.get());
+        masked->Row(r, block.get()); // on the stored values, before any unscaling
         Unscale(info, win.width, block.get());
         for (int k = 0; k < components; ++k) {
             if (!ComputeComponent(set.Component(k), block.get(), win.width, row.get(), Context()))
                 return LeaveCancelled();
-            noData.Apply(row.get());
+            masked->Component(row.get(), win.width);
             const int band = k + 1;
             out->WriteRaster(0, r, win.width, 1, row.get(), win.width, 1, PDT_Float32, 1, &band, 0, 0, 0);
         }
     }
+    masked->End(*out, components);
     CopyRpcIfPresent(*in, *out);
     return true;
 }

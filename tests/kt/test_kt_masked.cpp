@@ -2,6 +2,7 @@
 #include "MaskScene.h"
 #include "TestSupport.h"
 #include "frame/MaskRecords.h"
+#include "frame/stTasseledCapInfo.h"
 
 #include <gtest/gtest.h>
 
@@ -23,26 +24,31 @@ stMaskedTransInfo MaskedKt(const MaskScene& sc, const std::string& out, int sens
 
 bool SameBits(float a, float b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-class MaskedKtByFill : public ::testing::TestWithParam<Fill> {};
-
-// The fill, however it is marked, is no-data in every component; the scene is the unmasked transform.
-TEST_P(MaskedKtByFill, FillIsNoDataAndTheSceneIsTheUnmaskedTransform)
+// A set the host brings, over the scene's first `columns` bands, with the scene's mask.
+stTasseledCapInfo SetRecord(const MaskScene& sc, const std::string& out, int columns)
 {
-    TempDir dir;
-    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), GetParam());
-    // The alpha scene has four bands: the MSS set takes them, alpha included.
-    const int sensor = GetParam() == Fill::AlphaBand ? 1 : 2;
-    const int components = sensor == 1 ? 4 : 6;
-    AlgoHarness plain, masked;
-    stTransInfo seed = TransRecord(4, true, sc.path, dir.file("plain.tif"));
-    seed.nSensorType = sensor;
-    ASSERT_TRUE(plain.Run(seed)) << plain.Text().toStdString();
-    ASSERT_TRUE(masked.Run(MaskedKt(sc, dir.file("masked.tif"), sensor))) << masked.Text().toStdString();
-    const RasterInfo info = Info(dir.file("masked.tif"));
-    ASSERT_EQ(info.bands, components);
-    for (int k = 1; k <= components; ++k) {
-        EXPECT_TRUE(info.noData[k - 1].first && std::isnan(info.noData[k - 1].second)) << "band " << k;
-        const auto a = ReadBand(dir.file("plain.tif"), k), b = ReadBand(dir.file("masked.tif"), k);
+    stTasseledCapInfo r;
+    r.trans = TransRecord(4, true, sc.path, out);
+    for (int k = 0; k < 2; ++k) {
+        r.vecNames.push_back(QString("C%1").arg(k + 1));
+        for (int j = 0; j < columns; ++j)
+            r.vecCoefficients.push_back(k == 0 ? 0.25 * (j + 1) : 0.5 - 0.125 * j);
+    }
+    for (int j = 1; j <= columns; ++j)
+        r.vecBands.push_back(j);
+    r.vecConstants = {1.5, -2.25};
+    r.mask = sc.mask;
+    return r;
+}
+
+// Every component NaN (declared) exactly at the fill and bit-equal to the unmasked run elsewhere.
+void ExpectNoDataExactlyAtFill(const MaskScene& sc, const std::string& plain, const std::string& masked)
+{
+    const RasterInfo info = Info(masked);
+    ASSERT_EQ(info.bands, Info(plain).bands);
+    for (int k = 1; k <= info.bands; ++k) {
+        EXPECT_TRUE(info.noData[k - 1].first && std::isnan(info.noData[k - 1].second)) << masked << " band " << k;
+        const auto a = ReadBand(plain, k), b = ReadBand(masked, k);
         long long wrong = 0;
         for (int y = 0; y < sc.height; ++y)
             for (int x = 0; x < sc.width; ++x) {
@@ -50,8 +56,36 @@ TEST_P(MaskedKtByFill, FillIsNoDataAndTheSceneIsTheUnmaskedTransform)
                 wrong += sc.Valid(x, y) ? !SameBits(static_cast<float>(a[i]), static_cast<float>(b[i]))
                                         : !std::isnan(b[i]);
             }
-        EXPECT_EQ(wrong, 0) << "band " << k;
+        EXPECT_EQ(wrong, 0) << masked << " band " << k;
     }
+}
+
+class MaskedKtByFill : public ::testing::TestWithParam<Fill> {};
+
+// The fill, however it is marked, is no-data in every component; the scene is the unmasked
+// transform. Built-in sets and sets the host brings alike.
+TEST_P(MaskedKtByFill, FillIsNoDataAndTheSceneIsTheUnmaskedTransform)
+{
+    TempDir dir;
+    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), GetParam());
+    // The alpha scene has four bands: the MSS set takes them, alpha included.
+    const int sensor = GetParam() == Fill::AlphaBand ? 1 : 2;
+    AlgoHarness plain, masked;
+    stTransInfo seed = TransRecord(4, true, sc.path, dir.file("plain.tif"));
+    seed.nSensorType = sensor;
+    ASSERT_TRUE(plain.Run(seed)) << plain.Text().toStdString();
+    ASSERT_TRUE(masked.Run(MaskedKt(sc, dir.file("masked.tif"), sensor))) << masked.Text().toStdString();
+    ASSERT_EQ(Info(dir.file("masked.tif")).bands, sensor == 1 ? 4 : 6);
+    ExpectNoDataExactlyAtFill(sc, dir.file("plain.tif"), dir.file("masked.tif"));
+
+    stTasseledCapInfo set = SetRecord(sc, dir.file("set_masked.tif"), sc.bands), unmasked = set;
+    unmasked.trans.strOutputFile = QString::fromStdString(dir.file("set_plain.tif"));
+    unmasked.mask = stMaskInfo{{}, false};
+    AlgoHarness setPlain, setMasked;
+    ASSERT_TRUE(setPlain.Run(unmasked)) << setPlain.Text().toStdString();
+    ASSERT_TRUE(setMasked.Run(set)) << setMasked.Text().toStdString();
+    EXPECT_FALSE(Info(dir.file("set_plain.tif")).noData[0].first) << "masks off declare nothing";
+    ExpectNoDataExactlyAtFill(sc, dir.file("set_plain.tif"), dir.file("set_masked.tif"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Fills, MaskedKtByFill,
@@ -79,7 +113,8 @@ TEST(MaskedKt, DestinationValueIsWrittenAndDeclared)
     }
 }
 
-// Nothing to mask (no no-data, or masks turned off): the very bytes of the unmasked run.
+// Nothing to mask (no no-data, or masks turned off): the very bytes of the unmasked run, for the
+// built-in sets and for a set the host brings.
 TEST(MaskedKt, NothingToMaskOrMasksOffGiveTheUnmaskedRunsBytes)
 {
     TempDir dir;
@@ -96,6 +131,14 @@ TEST(MaskedKt, NothingToMaskOrMasksOffGiveTheUnmaskedRunsBytes)
         ASSERT_TRUE(plain.Run(seed));
         ASSERT_TRUE(masked.Run(MaskedKt(sc, dir.file("masked.tif"), 0)));
         EXPECT_EQ(ReadFile(dir.file("plain.tif")), ReadFile(dir.file("masked.tif"))) << FillName(c.fill);
+
+        stTasseledCapInfo set = SetRecord(sc, dir.file("set_masked.tif"), 6), unmasked = set;
+        unmasked.trans.strOutputFile = QString::fromStdString(dir.file("set_plain.tif"));
+        unmasked.mask = stMaskInfo{{}, false};
+        AlgoHarness setPlain, setMasked;
+        ASSERT_TRUE(setPlain.Run(unmasked));
+        ASSERT_TRUE(setMasked.Run(set));
+        EXPECT_EQ(ReadFile(dir.file("set_plain.tif")), ReadFile(dir.file("set_masked.tif"))) << FillName(c.fill);
     }
 }
 

@@ -1,6 +1,7 @@
 // The Tasseled Cap sets beyond the built-in three: the published tables through the command line,
 // the record's own branch through the algorithm object, and the shared kernel's arithmetic.
 #include "AlgoHarness.h"
+#include "MaskScene.h"
 #include "TestSupport.h"
 #include "frame/stTasseledCapInfo.h"
 #include "kt/KTCoefficients.h"
@@ -251,6 +252,86 @@ TEST(Unscale, NoDataPixelsStayNoData)
             else
                 EXPECT_NEAR(band[i], Reference(Set("oli").m, {}, k, px), Tolerance(px)) << k << " " << i;
         }
+    }
+}
+
+// The mask options on the command line, for the sets the host brings and the built-in ones: the
+// default masks, -srcnodata per INPUT band (band 6's value is one that band 7 holds inside the
+// scene: only the bands read may count), -dstnodata, -nomask, a scene without no-data.
+TEST(MaskedSets, MaskOptionsDecideWhichPixelsAreNoDataAndTheirValue)
+{
+    using tavtest::Fill;
+    TempDir dir;
+    tavtest::WriteText(dir.file("own.csv"), "A,0.5,0.25,-1,2,0,1,0\nB,1,1,1,1,1,1,3\n");
+    const double nan = std::nan("");
+    const std::string perBand = "-srcnodata \"1000 1011 1022 1033 1044 100 1066\"";
+    const struct Case {
+        const char* what;
+        Fill fill;
+        int bands;
+        std::string set, mask;
+        bool masked;  // no-data exactly at the fill; else nothing declared and no NaN anywhere
+        double value; // the value at the fill, declared
+    } cases[] = {
+        {"oli, declared 0", Fill::NoDataValue, 6, "-sensor oli", "", true, nan},
+        {"s2, mask band", Fill::MaskBand, 6, "-sensor s2", "", true, nan},
+        {"own set, NaN", Fill::NaN, 6, "-coefficients " + dir.file("own.csv"), "", true, nan},
+        {"tm-sr on 7 bands, per band", Fill::SrcNoDataPerBand, 7, "-sensor tm-sr", perBand, true, nan},
+        {"tm on 7 bands, per band", Fill::SrcNoDataPerBand, 7, "-sensor tm", perBand, true, nan},
+        {"modis, one value", Fill::NoDataValue, 7, "-sensor modis", "-srcnodata 0", true, nan},
+        {"oli, -dstnodata", Fill::NoDataValue, 6, "-sensor oli", "-dstnodata -9999", true, -9999},
+        {"oli, -nomask", Fill::NoDataValue, 6, "-sensor oli", "-nomask", false, 0},
+        {"oli, no no-data", Fill::None, 6, "-sensor oli", "", false, 0},
+    };
+    for (const Case& c : cases) {
+        const auto sc = tavtest::MakeMaskScene(dir.file("in.tif"), c.fill, 37, 29, c.bands);
+        const std::string out = dir.file("out.tif"), plain = dir.file("plain.tif");
+        ASSERT_EQ(Cli("kt -q " + c.set + " " + c.mask + " " + sc.path + " " + out), 0) << c.what;
+        ASSERT_EQ(Cli("kt -q " + c.set + " -nomask " + sc.path + " " + plain), 0) << c.what;
+        const auto info = tavtest::Info(out);
+        for (int k = 1; k <= info.bands; ++k) {
+            const auto got = tavtest::ReadBand(out, k), want = tavtest::ReadBand(plain, k);
+            const bool declared = info.noData[k - 1].first;
+            EXPECT_EQ(declared, c.masked) << c.what << " band " << k;
+            if (declared) {
+                EXPECT_TRUE(std::isnan(c.value) ? std::isnan(info.noData[k - 1].second)
+                                                : info.noData[k - 1].second == c.value) << c.what;
+            }
+            long long wrong = 0;
+            for (int y = 0; y < sc.height; ++y)
+                for (int x = 0; x < sc.width; ++x) {
+                    const size_t i = static_cast<size_t>(y) * sc.width + x;
+                    if (!c.masked || sc.Valid(x, y)) {
+                        wrong += !(got[i] == want[i]) || std::isnan(got[i]);
+                    } else {
+                        wrong += std::isnan(c.value) ? !std::isnan(got[i]) : got[i] != c.value;
+                    }
+                }
+            EXPECT_EQ(wrong, 0) << c.what << " band " << k;
+        }
+    }
+}
+
+// Mask options that do not fit: status 2, the reason, no output.
+TEST(MaskedSets, MaskOptionsThatDoNotFitAreUsageErrors)
+{
+    TempDir dir;
+    const Scene s = Reflectance(dir, "in.tif", 6);
+    const std::string out = dir.file("o.tif");
+    const struct {
+        std::string options, text;
+    } cases[] = {
+        {"-sensor oli -srcnodata \"1 2\"", "option -srcnodata gives 2 values; INPUT has 6 bands"},
+        {"-sensor s2 -nomask -dstnodata 0", "option -nomask turns masking off"},
+        {"-sensor oli -srcnodata x", "option -srcnodata takes numbers"},
+    };
+    for (const auto& c : cases) {
+        const std::string log = dir.file("log.txt");
+        const int raw = std::system(("'" TAV_BIN_DIR "/tavtransform' kt -q " + c.options + " " + s.path + " " + out +
+                                     " >'" + log + "' 2>&1").c_str());
+        EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, 2) << c.options;
+        EXPECT_NE(tavtest::ReadFile(log).find(c.text), std::string::npos) << tavtest::ReadFile(log);
+        EXPECT_FALSE(tavtest::Exists(out)) << c.options;
     }
 }
 
