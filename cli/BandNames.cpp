@@ -60,6 +60,8 @@ RecordFields Fields(const Request& req)
     }
     if (!f.stats.empty())
         f.options = "-stats " + f.stats + (f.options.empty() ? "" : " ") + f.options;
+    if (const std::string mask = MaskOptionsText(req.command, req.record); !mask.empty())
+        f.options += (f.options.empty() ? "" : " ") + mask;
     f.options += (f.options.empty() ? "-of " : " -of ") + f.format;
     return f;
 }

@@ -1,4 +1,6 @@
 #include "BandNames.h"
+#include "MaskOptions.h"
+#include "frame/stTasseledCapInfo.h"
 #include "Quicklook.h"
 #include "MaskScene.h"
 #include "TestSupport.h"
@@ -341,8 +343,55 @@ TEST(Outputs, RunsNameTheirBandsAndRecordTheCommand)
     Request pca;
     std::tie(pca.command, pca.record) = std::make_tuple("pca", r);
     EXPECT_EQ(BandName(pca, 2), "PC 2");
-    EXPECT_EQ(RunMetadata(pca)[1].second, "-stats s.sta -ot Float32 -n 2 -corr -no-center -of HFA");
+    EXPECT_EQ(RunMetadata(pca)[1].second, "-stats s.sta -ot Float32 -n 2 -corr -no-center -nomask -of HFA");
     EXPECT_EQ(RunMetadata(pca)[3], std::make_pair(std::string("STATISTICS"), std::string("s.sta")));
+}
+
+// The mask options are recorded as they would be typed again, read from the record the plug-in
+// ran: what differs from the default masks, and -nomask for an unmasked run of a command that masks.
+TEST(Outputs, RunRecordsTheMaskOptions)
+{
+    stForwardPCAInfo p;
+    std::tie(p.strStatFile, p.strFormat, p.bSubtractMean) = std::make_tuple("s.sta", "GTiff", true);
+    stInversePCAInfo i;
+    std::tie(i.strStatFile, i.strFormat, i.nOutDataType) = std::make_tuple("s.sta", "GTiff", 1);
+    stTransInfo t;
+    std::tie(t.nTransType, t.nSensorType, t.strFormat) = std::make_tuple(4, 2, "GTiff");
+    stTasseledCapInfo set;
+    std::tie(set.trans, set.strSensor) = std::make_tuple(t, "oli");
+    stTasseledCapInfo setOff = set;
+    setOff.mask.bUseMasks = false;
+    const double nan = std::nan("");
+    const struct {
+        std::string command;
+        boost::any record;
+        std::string options;
+    } cases[] = {
+        {"pca", stMaskedForwardPCAInfo{p, {{0}, true, -9999}, 0, 0}, "-stats s.sta -ot Float32 -srcnodata 0 -dstnodata -9999 -of GTiff"},
+        {"pca", stMaskedForwardPCAInfo{p, {{}, true, nan}, 0, 0}, "-stats s.sta -ot Float32 -of GTiff"},
+        {"pca-inverse", stMaskedInversePCAInfo{i, {{1.5, -2, 1e-300}, true, 0.1}},
+         "-stats s.sta -ot UInt16 -srcnodata \"1.5 -2 1e-300\" -dstnodata 0.1 -of GTiff"},
+        {"pca-inverse", i, "-stats s.sta -ot UInt16 -nomask -of GTiff"},
+        {"kt", stMaskedTransInfo{t, {{nan}, true, nan}}, "-sensor etm -srcnodata nan -of GTiff"},
+        {"kt", t, "-sensor etm -nomask -of GTiff"},
+        {"kt", set, "-sensor oli -of GTiff"},
+        {"kt", setOff, "-sensor oli -nomask -of GTiff"},
+        {"dwt", t, "-of GTiff"}, // takes no mask options, records none
+    };
+    for (const auto& c : cases) {
+        Request req;
+        std::tie(req.command, req.record) = std::make_tuple(c.command, c.record);
+        EXPECT_EQ(RunMetadata(req)[1], std::make_pair(std::string("OPTIONS"), c.options)) << c.options;
+    }
+    // And through a run: the typed options come back.
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("in.tif"), tavtest::Fill::NoDataValue);
+    ASSERT_EQ(Cli("pca -q -stats " + dir.file("s.sta") + " -ot Int16 -srcnodata \"0 0 0 0 0 0\" -dstnodata -5 " + sc.path +
+                  " " + dir.file("pc.tif")), 0);
+    const auto lines = Domain(dir.file("pc.tif"));
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "OPTIONS=-stats " + dir.file("s.sta") + " -ot Int16 -n 6 -srcnodata \"0 0 0 0 0 0\" -dstnodata -5 -of GTiff"),
+              lines.end()) << ::testing::PrintToString(lines);
 }
 
 // 2-98 % stretch by nearest rank, from its definition.
