@@ -58,6 +58,14 @@ std::vector<EigenRow> EigenTable(const boost::any& record)
 
 bool HostSawFailure() { return !RecordedFailures().isEmpty() || !GdalFailures().isEmpty(); }
 
+std::vector<std::string> HostWarnings()
+{
+    std::vector<std::string> lines;
+    for (const QString& w : RecordedWarnings())
+        lines.push_back("Warning: " + w.toStdString());
+    return lines;
+}
+
 std::string RecordedFailureLines()
 {
     // Our own lines name the file; GDAL's bare messages are shown only when there is none of ours.

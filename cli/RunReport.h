@@ -22,6 +22,8 @@ std::string RecordedFailureLines();
 
 // True when GDAL reported a failed read, write, flush or copy during the run.
 bool HostSawFailure();
+// What a successful run lost on the way (a no-data value a format dropped), one line each.
+std::vector<std::string> HostWarnings();
 
 // One row of the eigenvalue table a statistics-only PCA run hands back, percentages in percent.
 struct EigenRow {

@@ -206,6 +206,8 @@ int Run(const Request& req)
         return status;
     }
     kept.Commit();
+    for (const std::string& line : HostWarnings())
+        std::fprintf(stderr, "%s\n", line.c_str());
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
     return kOk;

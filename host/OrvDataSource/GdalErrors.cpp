@@ -11,6 +11,7 @@ std::mutex g_errorMutex;
 GdalError g_lastError;
 QStringList g_recorded;
 QStringList g_gdalFailures;
+QStringList g_warnings;
 int g_failureCount = 0;
 constexpr int kKeptFailures = 20; // a failing disk repeats itself; the first few say it all
 
@@ -46,6 +47,7 @@ void ClearGdalError()
     g_lastError = GdalError{};
     g_recorded.clear();
     g_gdalFailures.clear();
+    g_warnings.clear();
     g_failureCount = 0;
     CPLErrorReset();
 }
@@ -82,6 +84,19 @@ bool RecordIO(bool ok, bool write, const QString& path)
     if (!ok)
         RecordFailure(write ? QStringLiteral("writing") : QStringLiteral("reading"), path);
     return ok;
+}
+
+QStringList RecordedWarnings()
+{
+    std::lock_guard<std::mutex> lock(g_errorMutex);
+    return g_warnings;
+}
+
+void RecordWarning(const QString& text)
+{
+    std::lock_guard<std::mutex> lock(g_errorMutex);
+    if (!g_warnings.contains(text))
+        g_warnings << text;
 }
 
 } // namespace OrvDataSource

@@ -27,4 +27,9 @@ bool RecordIO(bool ok, bool write, const QString& path);
 QStringList GdalFailures();
 int GdalFailureCount();
 
+// What a successful run lost on the way that the user should hear of (a no-data value an output
+// format dropped), since ClearGdalError().
+QStringList RecordedWarnings();
+void RecordWarning(const QString& text);
+
 } // namespace OrvDataSource

@@ -4,11 +4,76 @@
 #include "OrvDataSource/GdalTypeMap.h"
 
 #include <QFile>
+#include <QLocale>
 #include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
 namespace OrvDataSource {
+
+namespace {
+
+bool SameValue(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
+
+// Pixels of `src` band that hold `value` and no longer do in `copy` (a lossy format).
+long long ValuesChanged(GDALRasterBand& src, GDALRasterBand& copy, double value, long long& held)
+{
+    const int w = src.GetXSize(), h = src.GetYSize();
+    int blockW = 0, blockH = 0;
+    src.GetBlockSize(&blockW, &blockH);
+    const int rows = std::max(1, std::min(h, std::max(blockH, 64)));
+    std::vector<double> a(static_cast<size_t>(w) * rows), b(a.size());
+    long long changed = 0;
+    for (int y = 0; y < h; y += rows) {
+        const int n = std::min(rows, h - y);
+        if (src.RasterIO(GF_Read, 0, y, w, n, a.data(), w, n, GDT_Float64, 0, 0, nullptr) != CE_None ||
+            copy.RasterIO(GF_Read, 0, y, w, n, b.data(), w, n, GDT_Float64, 0, 0, nullptr) != CE_None)
+            return 0; // an unreadable copy is the read's failure to report, not this one
+        for (size_t i = 0; i < static_cast<size_t>(w) * n; ++i)
+            if (SameValue(a[i], value)) {
+                ++held;
+                changed += !SameValue(b[i], value);
+            }
+    }
+    return changed;
+}
+
+// A copy-only format may drop the no-data value the run declared, or, when it compresses with
+// loss, change the pixels that hold it: either way the user is told, naming the value.
+void WarnOfNoDataLost(GDALDataset& src, const QString& target, const QString& format)
+{
+    std::unique_ptr<GDALDataset> copy(GDALDataset::Open(target.toUtf8().constData(), GDAL_OF_RASTER | GDAL_OF_READONLY));
+    if (!copy || copy->GetRasterCount() != src.GetRasterCount())
+        return;
+    const QLocale english(QLocale::English);
+    for (int b = 1; b <= src.GetRasterCount(); ++b) {
+        int has = 0, kept = 0;
+        const double value = src.GetRasterBand(b)->GetNoDataValue(&has);
+        if (!has)
+            continue;
+        const double copied = copy->GetRasterBand(b)->GetNoDataValue(&kept);
+        const QString shown = QString::number(value, 'g', 17);
+        if (!kept || !SameValue(copied, value)) {
+            RecordWarning(QStringLiteral("%1 does not keep the no-data value %2: in %3 the masked pixels hold it "
+                                         "but are not marked as no-data").arg(format, shown, target));
+            return;
+        }
+        long long held = 0;
+        if (const long long changed = ValuesChanged(*src.GetRasterBand(b), *copy->GetRasterBand(b), value, held)) {
+            RecordWarning(QStringLiteral("%1 compresses with loss: in %2, %3 of the %4 masked pixels of band %5 no "
+                                         "longer hold the no-data value %6")
+                              .arg(format, target, english.toString(changed), english.toString(held))
+                              .arg(b)
+                              .arg(shown));
+            return;
+        }
+    }
+}
+
+} // namespace
 
 RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path)
 {
@@ -43,6 +108,8 @@ void RasterDataset::CopyToTarget()
                                       : nullptr;
     if (copy)
         GDALClose(GDALDataset::ToHandle(copy));
+    if (copy && src && GdalFailureCount() == before)
+        WarnOfNoDataLost(*src, m_strCopyTarget, m_strCopyDriver);
     if (src)
         GDALClose(GDALDataset::ToHandle(src));
     if (!copy || GdalFailureCount() > before) {

@@ -394,6 +394,53 @@ TEST(Outputs, RunRecordsTheMaskOptions)
               lines.end()) << ::testing::PrintToString(lines);
 }
 
+// Formats written by copy keep the run's no-data value: declared, and held at the fill. A format
+// that compresses with loss changes some of those pixels, and the run says so, naming the value.
+TEST(Outputs, CopiedFormatsKeepTheNoDataValue)
+{
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("in.tif"), tavtest::Fill::NoDataValue);
+    const double nan = std::nan("");
+    const struct {
+        std::vector<std::string> args;
+        std::string output;
+        double value;
+        std::string warning; // empty: none, and every fill pixel holds the value
+    } cases[] = {
+        {{"kt", "-of", "COG"}, "kt.tif", nan, ""},
+        {{"pca", "-stats", dir.file("s.sta"), "-ot", "Int16", "-dstnodata", "-5", "-of", "COG"}, "pc.tif", -5, ""},
+        {{"pca", "-stats", dir.file("b.sta"), "-ot", "Byte", "-n", "3", "-of", "PNG"}, "pc.png", 0, ""},
+        {{"pca", "-stats", dir.file("j.sta"), "-ot", "Byte", "-n", "3", "-of", "JPEG"}, "pc.jpg", 0,
+         "Warning: JPEG compresses with loss: in " + dir.file("pc.jpg") + ", "},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {sc.path, dir.file(c.output)});
+        const CliResult r = RunCli(dir, args);
+        ASSERT_EQ(r.status, 0) << c.output << ": " << r.err;
+        const auto info = tavtest::Info(dir.file(c.output));
+        for (int b = 1; b <= info.bands; ++b) {
+            const auto [declared, value] = info.noData[b - 1];
+            EXPECT_TRUE(declared && (std::isnan(c.value) ? std::isnan(value) : value == c.value)) << c.output << " " << b;
+            const auto band = tavtest::ReadBand(dir.file(c.output), b);
+            long long off = 0;
+            for (int y = 0; y < sc.height; ++y)
+                for (int x = 0; x < sc.width; ++x) {
+                    const double v = band[static_cast<size_t>(y) * sc.width + x];
+                    off += !sc.Valid(x, y) && !(std::isnan(c.value) ? std::isnan(v) : v == c.value);
+                }
+            if (c.warning.empty())
+                EXPECT_EQ(off, 0) << c.output << " band " << b;
+        }
+        if (c.warning.empty())
+            EXPECT_EQ(r.err.find("Warning"), std::string::npos) << r.err;
+        else
+            EXPECT_NE(r.err.find(c.warning), std::string::npos) << r.err;
+        if (!c.warning.empty())
+            EXPECT_NE(r.err.find("no longer hold the no-data value 0"), std::string::npos) << r.err;
+    }
+}
+
 // 2-98 % stretch by nearest rank, from its definition.
 std::vector<double> ReferenceStretch(const std::vector<double>& v)
 {
