@@ -6,6 +6,7 @@
 #include "Options.h"
 #include "PluginLoader.h"
 #include "Records.h"
+#include "MaskOptions.h"
 #include "RunReport.h"
 #include "StatsFiles.h"
 #include "ValueChecks.h"
@@ -90,11 +91,18 @@ struct ProgressBridge {
     }
 };
 
+py::object g_eigenTable; // tavtransform.EigenTable, a list that also says over which pixels
+
 py::object EigenTuples(const boost::any& record)
 {
-    py::list table;
+    py::list rows;
     for (const EigenRow& row : EigenTable(record))
-        table.append(py::make_tuple(row.component, row.eigenvalue, row.percent, row.cumulative));
+        rows.append(py::make_tuple(row.component, row.eigenvalue, row.percent, row.cumulative));
+    py::object table = g_eigenTable(rows);
+    long long used = 0, total = 0;
+    const bool counted = StatisticsCount(record, used, total);
+    table.attr("pixels") = counted ? py::object(py::make_tuple(used, total)) : py::none();
+    table.attr("statistics_over") = counted ? py::object(py::str(StatisticsOverLine(used, total))) : py::none();
     return table;
 }
 
@@ -142,6 +150,9 @@ py::object Execute(const Request& req, const py::object& progress)
     if (const std::string problem = FinishOutput(req); !problem.empty())
         Raise(1, problem);
     kept.Commit();
+    for (const std::string& line : HostWarnings())
+        if (PyErr_WarnEx(PyExc_RuntimeWarning, line.c_str(), 1) != 0)
+            throw py::error_already_set();
     if (req.statsOnly)
         return EigenTuples(algo->GetParams());
     return py::str(OutputFile(req));
@@ -359,13 +370,21 @@ PYBIND11_MODULE(tavtransform, m)
         PyErr_NewException("tavtransform.Cancelled", g_error.ptr(), nullptr));
     m.attr("Cancelled") = g_cancelled;
     m.attr("__version__") = TAV_VERSION;
+    py::dict members;
+    members["__module__"] = "tavtransform";
+    members["__doc__"] = "The eigenvalue table of pca with stats_only=True: (component, eigenvalue, percent, cumulative\n"
+                         "percent) tuples. Where masked pixels were left out of the statistics, .pixels is (used, total)\n"
+                         "and .statistics_over the line the command line prints; else both are None.";
+    g_eigenTable = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyType_Type))(
+        "EigenTable", py::make_tuple(py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyList_Type))), members);
+    m.attr("EigenTable") = g_eigenTable;
     m.def("run", &Run, py::arg("command"), py::arg("input"), py::arg("output") = py::none(),
           py::arg("progress") = py::none(),
           "run(command, input, output=None, progress=None, **options): one tavtransform command.\n"
           "Options are the command line's without the dash (sensor='etm', b=[1, 4], ot='Int16', corr=True,\n"
           "co=['TILED=YES', 'COMPRESS=DEFLATE']).\n"
           "Returns the output path, or for pca with stats_only=True the eigenvalue table as\n"
-          "(component, eigenvalue, percent, cumulative percent) tuples. Raises tavtransform.Error\n"
+          "(component, eigenvalue, percent, cumulative percent) tuples (an EigenTable). Raises tavtransform.Error\n"
           "(.code, .text) when the run fails; progress(percent, message) returning False cancels and raises\n"
           "tavtransform.Cancelled, a subclass of Error. Files the run may write are kept and put back on failure.");
     auto helper = [&m](const char* name, const char* command, const char* doc) {

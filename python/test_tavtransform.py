@@ -48,6 +48,14 @@ class Runs(unittest.TestCase):
             self.skipTest("principal components are not in this build: %s" % e.text)
         eigen = np.sort(np.linalg.eigvalsh(np.cov(read(SAMPLE)[0].reshape(6, -1).astype(float), bias=True)))[::-1]
         np.testing.assert_allclose([row[1] for row in table], eigen, rtol=1e-6)
+        self.assertIsNone(table.pixels)  # nothing was left out
+        # In a frame of declared no-data fill: the pixels the statistics used, counted here, and the line.
+        framed = self.path("framed.tif")
+        gdal.Translate(framed, SAMPLE, srcWin=[-20, -20, 389, 392], noData=0)
+        table = tavtransform.run("pca", framed, stats=self.path("f.sta"), stats_only=True)
+        used = int(np.all(read(framed)[0] != 0, axis=0).sum())
+        self.assertEqual(table.pixels, (used, 389 * 392))
+        self.assertEqual(table.statistics_over, "statistics over {:,} of {:,} pixels".format(used, 389 * 392))
 
     def test_creation_options_reach_the_output_and_bad_ones_are_refused(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")

@@ -59,10 +59,16 @@ KINDS = {
 EIGEN_HEADER = ("component", "eigenvalue", "percent", "cumulative")
 
 
+def statistics_over(rows):
+    """"statistics over N of M pixels" where masked pixels were left out of the statistics, else None."""
+    return getattr(rows, "statistics_over", None)
+
+
 def eigen_text(rows):
-    """The table as the command line prints it."""
+    """The table as the command line prints it, with its pixel count line where it prints one."""
     lines = ["%-10s %16s %14s %14s" % EIGEN_HEADER]
     lines += ["%-10d %16.6f %14.4f %14.4f" % tuple(row) for row in rows]
+    lines += [statistics_over(rows)] if statistics_over(rows) else []
     return "\n".join(lines) + "\n"
 
 
@@ -70,9 +76,10 @@ def eigen_html(rows, source):
     cells = lambda tag, values: "<tr>" + "".join("<%s>%s</%s>" % (tag, v, tag) for v in values) + "</tr>\n"
     body = cells("th", EIGEN_HEADER) + "".join(
         cells("td", ("%d" % r[0], "%.6f" % r[1], "%.4f %%" % r[2], "%.4f %%" % r[3])) for r in rows)
+    over = "<p>%s</p>\n" % html.escape(statistics_over(rows)) if statistics_over(rows) else ""
     return ("<html><head><meta charset=\"utf-8\"><title>Eigenvalues</title></head><body>\n"
-            "<h3>Principal components of %s</h3>\n<table border=\"1\" cellpadding=\"3\">\n%s</table>\n"
-            "</body></html>\n" % (html.escape(source), body))
+            "<h3>Principal components of %s</h3>\n<table border=\"1\" cellpadding=\"3\">\n%s</table>\n%s"
+            "</body></html>\n" % (html.escape(source), body, over))
 
 
 class TavTransformAlgorithm(QgsProcessingAlgorithm):

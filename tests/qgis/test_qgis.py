@@ -136,17 +136,28 @@ class SameFilesAsTheCommandLine(Tmp):
         self.assertEqual({p: read(p) for p in scene_files}, scene_files, "the sample scene is untouched")
 
     def test_statistics_only_returns_the_eigenvalue_table(self):
-        printed = self.cli("pca", "-stats-only", "-stats", self.path("s.sta"), SCENE)
-        os.rename(self.path("s.sta"), self.path("cli.sta"))
-        results = run("pca", INPUT=SCENE, STATISTICS=self.path("s.sta"), STATISTICS_ONLY=True,
-                      EIGENVALUES=self.path("table.html"), OUTPUT=self.path("never.tif"))
-        self.assertEqual(results["EIGENVALUE_TABLE"], printed)
-        self.assertEqual(read(self.path("s.sta")), read(self.path("cli.sta")))
-        page = read(self.path("table.html")).decode()
-        for line in printed.splitlines()[1:]:
-            component, eigenvalue, percent, cumulative = line.split()
-            self.assertIn("<td>%s</td><td>%s</td><td>%s %%</td>" % (component, eigenvalue, percent), page)
-        self.assertFalse(os.path.exists(self.path("never.tif")))
+        # The scene as it is, and inside a frame of fill declared no-data: its table says over which pixels.
+        framed = self.path("framed.tif")
+        self.assertEqual(tool("gdal_translate", "-q", "-srcwin", "-20", "-20", "389", "392", "-a_nodata", "0",
+                              SCENE, framed).returncode, 0)
+        for n, source in enumerate((SCENE, framed)):
+            with self.subTest(source):
+                stats, kept, page_path = self.path("s%d.sta" % n), self.path("cli%d.sta" % n), self.path("t%d.html" % n)
+                printed = self.cli("pca", "-stats-only", "-stats", stats, source)
+                os.rename(stats, kept)
+                results = run("pca", INPUT=source, STATISTICS=stats, STATISTICS_ONLY=True,
+                              EIGENVALUES=page_path, OUTPUT=self.path("never.tif"))
+                self.assertEqual(results["EIGENVALUE_TABLE"], printed)
+                self.assertEqual(read(stats), read(kept))
+                page = read(page_path).decode()
+                rows, over = printed.splitlines()[1:7], printed.splitlines()[7:]
+                for line in rows:
+                    component, eigenvalue, percent, cumulative = line.split()
+                    self.assertIn("<td>%s</td><td>%s</td><td>%s %%</td>" % (component, eigenvalue, percent), page)
+                # 349 x 352 pixels of data in a 389 x 392 frame
+                self.assertEqual(over, ["statistics over 122,848 of 152,488 pixels"] if n else [])
+                self.assertEqual("<p>statistics over" in page, bool(n))
+                self.assertFalse(os.path.exists(self.path("never.tif")))
 
 
 class CancelAndFailure(Tmp):
