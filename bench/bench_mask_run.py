@@ -1,10 +1,12 @@
 #!/usr/bin/python3
-"""Masked against unmasked runs of kt and pca on a tilted-footprint scene.
+"""Masked runs against the -nomask run of the same command on the same scene.
 
 Makes WIDTH x HEIGHT x 6 UInt16 scenes with tav-make-scene: one whose fill (about a fifth of the
 pixels, outside a turned rectangle) is 0 and declared as no-data, and the same pixels without the
-declaration. Each run is timed REPEAT times, the pairs interleaved so that a busy machine weighs on
-both sides alike; the minimum is kept. Prints the ratios and PCA's first component share.
+declaration. Every row of RUNS is timed on both scenes, masked (the default) and with -nomask,
+REPEAT times, the pairs interleaved so that a busy machine weighs on both sides alike; the minimum
+time and the largest peak resident set are kept. Prints each as a ratio to its -nomask run, and
+PCA's first component share with and without the mask.
 Usage: bench_mask_run.py BIN_DIR WORK_DIR [SIDE] [REPEAT]
 """
 import os
@@ -15,6 +17,13 @@ import time
 import numpy as np
 from osgeo import gdal
 
+# One row per command: its name and its words before INPUT OUTPUT ({stats}: a statistics file).
+RUNS = [
+    ("kt", ["kt"]),
+    ("pca", ["pca", "-stats", "{stats}"]),
+]
+TARGET_MASKED, TARGET_PLAIN = 1.15, 1.05  # masked scene; scene without no-data
+
 bin_dir, work = sys.argv[1], sys.argv[2]
 side = int(sys.argv[3]) if len(sys.argv) > 3 else 4000
 repeat = int(sys.argv[4]) if len(sys.argv) > 4 else 3
@@ -22,7 +31,8 @@ cli = os.path.join(bin_dir, "tavtransform")
 os.makedirs(work, exist_ok=True)
 plain, masked = os.path.join(work, "plain.tif"), os.path.join(work, "masked.tif")
 
-if not os.path.exists(masked):
+
+def make_scenes():
     subprocess.run([os.path.join(bin_dir, "tav-make-scene"), plain, str(side), str(side), "6", "UInt16"], check=True)
     ds = gdal.Open(plain, gdal.GA_Update)
     y, x = np.mgrid[0:side, 0:side]
@@ -42,28 +52,47 @@ if not os.path.exists(masked):
         ds.GetRasterBand(b + 1).WriteArray(a)
         ds.GetRasterBand(b + 1).SetNoDataValue(0)
     ds = None
-    print("masked share %.3f" % (1 - inside.mean()))
+    print("scene %d x %d x 6 UInt16, masked share %.3f" % (side, side, 1 - inside.mean()))
 
 
 def timed(args):
+    """Wall seconds, peak resident MiB of the process (by /usr/bin/time, so that this script's own
+    size does not count), and its standard output."""
+    report = os.path.join(work, "time.txt")
     t = time.perf_counter()
-    out = subprocess.run([cli, *args], check=True, capture_output=True, text=True).stdout
-    return time.perf_counter() - t, out
+    done = subprocess.run(["/usr/bin/time", "-o", report, "-f", "%M", cli, *args], capture_output=True, text=True)
+    seconds = time.perf_counter() - t
+    if done.returncode != 0:
+        sys.exit("failed (%d): tavtransform %s\n%s" % (done.returncode, " ".join(args), done.stderr))
+    with open(report) as f:
+        kb = int(f.read().split()[-1])
+    return seconds, kb / 1024.0, done.stdout
 
 
-def compare(name, a, b):
-    ta, tb = [], []
+def command(words, scene, extra=()):
+    st, o = os.path.join(work, "s.sta"), os.path.join(work, "o.tif")
+    return [w.format(stats=st) for w in words[:1]] + ["-q", *extra] + [w.format(stats=st) for w in words[1:]] + [scene, o]
+
+
+def compare(name, words, scene, label, target):
+    on, off = [], []
     for _ in range(repeat):
-        ta.append(timed(a)[0])
-        tb.append(timed(b)[0])
-    print("%-28s %7.2f s %7.2f s  ratio %.3f" % (name, min(ta), min(tb), min(ta) / min(tb)))
+        on.append(timed(command(words, scene)))
+        off.append(timed(command(words, scene, ["-nomask"])))
+    t_on, t_off = min(r[0] for r in on), min(r[0] for r in off)
+    m_on, m_off = max(r[1] for r in on), max(r[1] for r in off)
+    print("  %-5s %-15s %8.2f %8.2f  %5.3f (<= %.2f)  %8.1f %8.1f  %5.3f"
+          % (name, label, t_on, t_off, t_on / t_off, target, m_on, m_off, m_on / m_off))
 
 
-o, st = os.path.join(work, "o.tif"), os.path.join(work, "s.sta")
-compare("kt masked / -nomask", ["kt", "-q", masked, o], ["kt", "-q", "-nomask", masked, o])
-compare("kt no no-data / -nomask", ["kt", "-q", plain, o], ["kt", "-q", "-nomask", plain, o])
-compare("pca masked / -nomask", ["pca", "-q", "-stats", st, masked, o], ["pca", "-q", "-nomask", "-stats", st, masked, o])
-compare("pca no no-data / -nomask", ["pca", "-q", "-stats", st, plain, o], ["pca", "-q", "-nomask", "-stats", st, plain, o])
+if not os.path.exists(masked):
+    make_scenes()
+print("Masked runs / the same run with -nomask, best of %d (seconds), peak resident MiB:" % repeat)
+print("  %-5s %-15s %8s %8s  %-16s %8s %8s  %s" % ("run", "scene", "masked", "-nomask", "time ratio", "MiB", "MiB -nomask",
+                                                   "memory ratio"))
+for name, words in RUNS:
+    compare(name, words, masked, "fill declared", TARGET_MASKED)
+    compare(name, words, plain, "no no-data", TARGET_PLAIN)
 for label, extra in [("masked", []), ("-nomask", ["-nomask"])]:
-    out = timed(["pca", "-q", *extra, "-stats", st, "-stats-only", masked])[1].splitlines()
+    out = timed(command(["pca", "-stats", "{stats}", "-stats-only"], masked, extra)[:-1])[2].splitlines()
     print("pca %-8s first component %s %% | %s" % (label, out[1].split()[2], out[-1] if "statistics" in out[-1] else "all pixels"))
