@@ -174,8 +174,8 @@ const char* KtHelp()
              "                offset as gdal_translate -unscale does; for oli, s2, modis, tm-sr, -coefficients.\n"
              "                Without it, a band with a scale or offset is used as stored, with a warning.\n"
              "  tm, mss and etm are the plug-in's built-in sets: their output origin lies half a pixel in\n"
-             "  from the input's. The other sets and -coefficients keep the input's origin, and a pixel\n"
-             "  that is no-data in any band they read is NaN, the outputs' no-data value.\n";
+             "  from the input's. The other sets and -coefficients keep the input's origin. Every set\n"
+             "  follows the mask options below.\n";
         return s;
     }();
     return help.c_str();

@@ -41,6 +41,22 @@ long long ValuesChanged(GDALRasterBand& src, GDALRasterBand& copy, double value,
     return changed;
 }
 
+// Formats that store every value exactly need no reading back: PNG, and GeoTIFFs (COG) whose
+// compression keeps every bit.
+bool StoresExactly(GDALDataset& copy, const QString& format)
+{
+    if (format.compare(QStringLiteral("PNG"), Qt::CaseInsensitive) == 0)
+        return true;
+    if (format.compare(QStringLiteral("COG"), Qt::CaseInsensitive) != 0 &&
+        format.compare(QStringLiteral("GTiff"), Qt::CaseInsensitive) != 0)
+        return false;
+    const QString c = QString::fromUtf8(copy.GetMetadataItem("COMPRESSION", "IMAGE_STRUCTURE")).toUpper();
+    for (const char* lossy : {"JPEG", "WEBP", "LERC", "JXL"}) // "YCbCr JPEG" too
+        if (c.contains(QLatin1String(lossy)))
+            return false;
+    return true;
+}
+
 // A copy-only format may drop the no-data value the run declared, or, when it compresses with
 // loss, change the pixels that hold it: either way the user is told, naming the value.
 void WarnOfNoDataLost(GDALDataset& src, const QString& target, const QString& format)
@@ -61,6 +77,8 @@ void WarnOfNoDataLost(GDALDataset& src, const QString& target, const QString& fo
                                          "but are not marked as no-data").arg(format, shown, target));
             return;
         }
+        if (StoresExactly(*copy, format))
+            continue;
         long long held = 0;
         if (const long long changed = ValuesChanged(*src.GetRasterBand(b), *copy->GetRasterBand(b), value, held)) {
             RecordWarning(QStringLiteral("%1 compresses with loss: in %2, %3 of the %4 masked pixels of band %5 no "
