@@ -85,6 +85,17 @@ class Runs(unittest.TestCase):
                 tavtransform.run("kt", self.path("in.tif"), self.path("py.tif"), **options)
                 np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
         self.assertTrue((read(self.path("py.tif"))[0][:, 0, :] != -5).all(), "mask=False leaves the fill in")
+        # A JPEG copy changes some of the fill's no-data pixels: said as a RuntimeWarning naming the value.
+        data[:, 2:, :] = 0
+        data[:, :2, :3] = np.arange(6 * 2 * 3).reshape(6, 2, 3) * 37 % 251 + 1
+        ds = gdal.GetDriverByName("GTiff").Create(self.path("fill.tif"), 7, 5, 6, gdal.GDT_UInt16)
+        for b in range(6):
+            ds.GetRasterBand(b + 1).WriteArray(data[b])
+            ds.GetRasterBand(b + 1).SetNoDataValue(0)
+        ds = None
+        with self.assertWarnsRegex(RuntimeWarning, "JPEG compresses with loss: .* no-data value 0"):
+            tavtransform.run("pca", self.path("fill.tif"), self.path("pc.jpg"), stats=self.path("s.sta"), ot="Byte",
+                             n=3, of="JPEG")
 
     def test_failures_and_cancellation_raise_and_leave_no_output(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")
