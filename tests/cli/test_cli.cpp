@@ -415,6 +415,15 @@ TEST(Outputs, CopiedFormatsKeepTheNoDataValue)
         {{"pca", "-stats", dir.file("c.sta"), "-ot", "Byte", "-n", "3", "-of", "COG", "-co", "COMPRESS=JPEG"}, "pc_jpeg.tif", 0,
          "Warning: COG compresses with loss: in " + dir.file("pc_jpeg.tif") + ", "},
     };
+    // Without its side file a JPEG has nowhere to keep the value at all.
+    {
+        const std::string out = dir.file("nopam.jpg");
+        ::setenv("GDAL_PAM_ENABLED", "NO", 1);
+        const CliResult r = RunCli(dir, {"pca", "-stats", dir.file("n.sta"), "-ot", "Byte", "-n", "3", "-of", "JPEG", sc.path, out});
+        ::unsetenv("GDAL_PAM_ENABLED");
+        EXPECT_EQ(r.status, 0) << r.err;
+        EXPECT_NE(r.err.find("Warning: JPEG does not keep the no-data value 0: in " + out), std::string::npos) << r.err;
+    }
     for (const auto& c : cases) {
         std::vector<std::string> args = c.args;
         args.insert(args.end(), {sc.path, dir.file(c.output)});
