@@ -206,6 +206,8 @@ int Run(const Request& req)
         return status;
     }
     kept.Commit();
+    if (const std::string filled = FilledPixelsWarning(algo->GetParams()); !filled.empty())
+        std::fprintf(stderr, "%s\n", filled.c_str());
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
     return kOk;
