@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Masked against unmasked runs of kt and pca on a tilted-footprint scene.
+"""Masked against unmasked runs of kt, pca, fft and dwt on a tilted-footprint scene.
 
 Makes WIDTH x HEIGHT x 6 UInt16 scenes with tav-make-scene: one whose fill (about a fifth of the
 pixels, outside a turned rectangle) is 0 and declared as no-data, and the same pixels without the
@@ -64,6 +64,11 @@ compare("kt masked / -nomask", ["kt", "-q", masked, o], ["kt", "-q", "-nomask", 
 compare("kt no no-data / -nomask", ["kt", "-q", plain, o], ["kt", "-q", "-nomask", plain, o])
 compare("pca masked / -nomask", ["pca", "-q", "-stats", st, masked, o], ["pca", "-q", "-nomask", "-stats", st, masked, o])
 compare("pca no no-data / -nomask", ["pca", "-q", "-stats", st, plain, o], ["pca", "-q", "-nomask", "-stats", st, plain, o])
+# fft and dwt fill the masked pixels with their band's mean: one band's spectrum, every band's quadrants.
+compare("fft -b 1 masked / -nomask", ["fft", "-q", "-b", "1", masked, o], ["fft", "-q", "-b", "1", "-nomask", masked, o])
+compare("fft -b 1 no no-data / -nomask", ["fft", "-q", "-b", "1", plain, o], ["fft", "-q", "-b", "1", "-nomask", plain, o])
+compare("dwt masked / -nomask", ["dwt", "-q", masked, o], ["dwt", "-q", "-nomask", masked, o])
+compare("dwt no no-data / -nomask", ["dwt", "-q", plain, o], ["dwt", "-q", "-nomask", plain, o])
 for label, extra in [("masked", []), ("-nomask", ["-nomask"])]:
     out = timed(["pca", "-q", *extra, "-stats", st, "-stats-only", masked])[1].splitlines()
     print("pca %-8s first component %s %% | %s" % (label, out[1].split()[2], out[-1] if "statistics" in out[-1] else "all pixels"))

@@ -61,53 +61,13 @@ bool FloatHoldsType(int type)
 
 BandMeanFill::BandMeanFill(RasterDataset& in, int bandNumber, const stMaskInfo& info)
     : m_band(bandNumber), m_mask(in, BandNumbers{bandNumber}, MaskInfoOfBand(info, bandNumber)),
-      m_fromSamples(FloatHoldsType(in.GetRasterBand(bandNumber - 1)->GetRasterDataType()))
+      m_floatExact(FloatHoldsType(in.GetRasterBand(bandNumber - 1)->GetRasterDataType()))
 {
-}
-
-void BandMeanFill::ReadFlags(int x, int y, int w, int rows, const float* samples, long long rowStride)
-{
-    m_flags.resize(static_cast<std::size_t>(w) * rows);
-    if (!m_fromSamples) {
-        m_mask.Read(x, y, w, rows, m_flags.data());
-        return;
-    }
-    if (rowStride == w) {
-        m_mask.ReadWith(x, y, w, rows, samples, static_cast<long long>(w) * rows, m_flags.data());
-        return;
-    }
-    for (int r = 0; r < rows; ++r)
-        m_mask.ReadWith(x, y + r, w, 1, samples + r * rowStride, w, m_flags.data() + static_cast<long long>(r) * w);
-}
-
-void BandMeanFill::Survey(int x, int y, int w, int rows, const float* samples, long long rowStride, uint8_t* masked)
-{
-    ReadFlags(x, y, w, rows, samples, rowStride);
-    long long valid = 0;
-    for (int r = 0; r < rows; ++r) {
-        const float* s = samples + r * rowStride;
-        const uint8_t* f = m_flags.data() + static_cast<long long>(r) * w;
-        // Four partial sums, so that the additions do not wait on each other; doubles hold the
-        // sums of integer bands exactly.
-        double part[4] = {0, 0, 0, 0};
-        long long count = 0;
-        for (int p = 0; p < w; ++p) {
-            part[p & 3] += f[p] ? static_cast<double>(s[p]) : 0.0;
-            count += f[p];
-        }
-        m_sum += (part[0] + part[1]) + (part[2] + part[3]);
-        valid += count;
-        if (masked)
-            for (int p = 0; p < w; ++p)
-                masked[static_cast<long long>(r) * w + p] = static_cast<uint8_t>(1 - f[p]);
-    }
-    m_valid += valid;
-    m_masked += static_cast<long long>(w) * rows - valid;
 }
 
 void BandMeanFill::Fill(int x, int y, int w, int rows, float* samples, long long rowStride)
 {
-    ReadFlags(x, y, w, rows, samples, rowStride);
+    ReadFlags(x, y, w, rows, samples, rowStride, m_floatExact);
     const float value = Value();
     for (int r = 0; r < rows; ++r) {
         float* s = samples + r * rowStride;

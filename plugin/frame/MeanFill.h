@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 class BandMeanFill {
@@ -18,33 +19,92 @@ public:
     bool Active() const { return m_mask.Active(); }
 
     // Counts and sums the valid samples of rows y .. y + rows - 1 of columns x .. x + w - 1, which
-    // the caller holds as Float32, rows `rowStride` floats apart. `masked` (w * rows flags, may be
-    // null) receives 1 where a pixel is masked.
-    void Survey(int x, int y, int w, int rows, const float* samples, long long rowStride, uint8_t* masked = nullptr);
+    // the caller holds, rows `rowStride` samples apart: as Float32, or (`exact`) in a type that
+    // holds every value of the band. `masked` (w * rows flags, may be null) receives 1 where a
+    // pixel is masked.
+    template <class T>
+    void Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact,
+                uint8_t* masked = nullptr);
+    void Survey(int x, int y, int w, int rows, const float* samples, long long rowStride, uint8_t* masked = nullptr)
+    {
+        Survey(x, y, w, rows, samples, rowStride, m_floatExact, masked);
+    }
     long long MaskedCount() const { return m_masked; }
     bool HasValidPixel() const { return m_valid > 0; }
     // The mean of the valid samples surveyed, in single precision as the transforms compute.
-    float Value() const { return static_cast<float>(m_sum / static_cast<double>(m_valid)); }
+    float Value() const { return static_cast<float>(m_sum / static_cast<long double>(m_valid)); }
 
-    // Writes Value() at the masked pixels of rows the caller holds, finding them again.
+    // Writes Value() at the masked pixels of Float32 rows the caller holds, finding them again.
     void Fill(int x, int y, int w, int rows, float* samples, long long rowStride);
 
 private:
     // Flags (1 valid) of the rows into m_flags, w * rows of them.
-    void ReadFlags(int x, int y, int w, int rows, const float* samples, long long rowStride);
+    template <class T>
+    void ReadFlags(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact);
 
     int m_band;
     RunMask m_mask;
-    bool m_fromSamples = false; // Float32 holds the band's values exactly: value rules need no read
+    bool m_floatExact = false; // Float32 holds the band's values exactly: value rules need no read
     std::vector<uint8_t> m_flags;
-    double m_sum = 0;
+    long double m_sum = 0;
     long long m_valid = 0;
     long long m_masked = 0;
 };
 
+template <class T>
+void BandMeanFill::ReadFlags(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact)
+{
+    m_flags.resize(static_cast<std::size_t>(w) * rows);
+    if (!exact) {
+        m_mask.Read(x, y, w, rows, m_flags.data());
+        return;
+    }
+    if (rowStride == w) {
+        m_mask.ReadWith(x, y, w, rows, samples, static_cast<long long>(w) * rows, m_flags.data());
+        return;
+    }
+    for (int r = 0; r < rows; ++r)
+        m_mask.ReadWith(x, y + r, w, 1, samples + r * rowStride, w, m_flags.data() + static_cast<long long>(r) * w);
+}
+
+template <class T>
+void BandMeanFill::Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact,
+                          uint8_t* masked)
+{
+    ReadFlags(x, y, w, rows, samples, rowStride, exact);
+    long long valid = 0;
+    for (int r = 0; r < rows; ++r) {
+        const T* s = samples + r * rowStride;
+        const uint8_t* f = m_flags.data() + static_cast<long long>(r) * w;
+        long long count = 0;
+        if constexpr (std::is_integral_v<T>) {
+            // Exact in 64 bits, and a product by the 0/1 flag vectorises where a select does not.
+            long long sum = 0;
+            for (int p = 0; p < w; ++p) {
+                sum += static_cast<long long>(s[p]) * f[p];
+                count += f[p];
+            }
+            m_sum += sum;
+        } else {
+            // A select, as a masked NaN times 0 is NaN; four partial sums that do not wait on each other.
+            double part[4] = {0, 0, 0, 0};
+            for (int p = 0; p < w; ++p) {
+                part[p & 3] += f[p] ? static_cast<double>(s[p]) : 0.0;
+                count += f[p];
+            }
+            m_sum += (part[0] + part[1]) + (part[2] + part[3]);
+        }
+        valid += count;
+        if (masked)
+            for (int p = 0; p < w; ++p)
+                masked[static_cast<long long>(r) * w + p] = static_cast<uint8_t>(1 - f[p]);
+    }
+    m_valid += valid;
+    m_masked += static_cast<long long>(w) * rows - valid;
+}
+
 // The per-band mask information RunMask expects for one band of a list.
 stMaskInfo MaskInfoOfBand(const stMaskInfo& info, int bandNumber);
-
 // One fill per band of `bands` (1-based), in that order.
 std::vector<std::unique_ptr<BandMeanFill>> MeanFills(OrvDataSource::RasterDataset& in, const std::vector<int>& bands,
                                                      const stMaskInfo& info);

@@ -413,19 +413,30 @@ SurveyEnd SurveyMeans(RasterDataset& in, const PixelWindow& win, const std::vect
     }
     if (active.empty())
         return SurveyEnd::Done;
-    const std::size_t w = win.width, h = win.height;
-    const BandRows chunk(rowsPerChunk ? rowsPerChunk : DefaultRowsPerChunk(active.size(), w), active.size(), w);
+    // Read in the bands' own type when they share one (Float64 holds any), band after band: no
+    // conversion and the fewest bytes, which keeps this extra pass a small part of the run.
+    int type = in.GetRasterBand(bands[0] - 1)->GetRasterDataType();
+    for (int b : bands)
+        if (in.GetRasterBand(b - 1)->GetRasterDataType() != type)
+            type = PDT_Float64;
+    const std::size_t w = win.width, h = win.height, n = active.size(), bytes = BytesPerSample(type);
+    const std::size_t rows = rowsPerChunk ? rowsPerChunk : std::max<std::size_t>(1, kChunkBytes / Product(n, w, bytes));
+    TypedBuffer<double> chunk = NewSamples<double>(static_cast<long long>((Product(rows, n, w) * bytes + 7) / 8));
     if (!chunk)
         return SurveyEnd::NoMemory;
-    for (std::size_t y = 0; y < h; y += chunk.Rows()) {
+    for (std::size_t y = 0; y < h; y += rows) {
         if (progress.Cancelled())
             return SurveyEnd::Cancelled;
-        const std::size_t rows = std::min(chunk.Rows(), h - y);
-        if (!chunk.Read(&in, win.x0, win.y0 + static_cast<int>(y), rows, 0, bands))
+        const int nr = static_cast<int>(std::min(rows, h - y)), y0 = win.y0 + static_cast<int>(y);
+        if (!ReadBandRows(in, win.x0, static_cast<int>(w), y0, nr, bands, type, chunk.get(), SampleOrder::BandAfterBand))
             return SurveyEnd::ReadFailed;
-        for (std::size_t b = 0; b < active.size(); ++b)
-            active[b]->Survey(win.x0, win.y0 + static_cast<int>(y), static_cast<int>(w), static_cast<int>(rows),
-                              chunk.Row(0, b), chunk.RowStride());
+        DispatchPixelType(type, [&](auto t) {
+            using T = typename decltype(t)::type;
+            const T* samples = reinterpret_cast<const T*>(chunk.get());
+            for (std::size_t b = 0; b < n; ++b)
+                active[b]->Survey(win.x0, y0, static_cast<int>(w), nr, samples + b * nr * w,
+                                  static_cast<long long>(w), true);
+        });
     }
     for (const BandMeanFill* fill : active) {
         band = fill->Band();
