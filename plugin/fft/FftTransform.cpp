@@ -350,7 +350,6 @@ bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFil
     const int width = blocks.Width();
     // The band is held whole anyway, so the mean costs no second read: each block's masked pixels
     // are marked with 1 in its imaginary half, zero until the row transforms.
-    std::vector<uint8_t> masked;
     for (const RowBlock b : blocks.Blocks()) {
         if (pass.Cancelled())
             return LeaveCancelled();
@@ -358,11 +357,11 @@ bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFil
             return Fail(kContext, "Apply memory Fail!");
         if (!ReadFloatRows(in, fill.Band(), b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
-        masked.resize(static_cast<std::size_t>(b.rows) * width);
-        fill.Survey(0, b.first, width, b.rows, blocks.Re(b.index), width, masked.data());
+        fill.Survey(0, b.first, width, b.rows, blocks.Re(b.index), width);
+        const uint8_t* valid = fill.Flags();
         float* mark = blocks.Im(b.index);
-        for (std::size_t p = 0; p < masked.size(); ++p)
-            mark[p] = masked[p];
+        for (long long p = 0, n = static_cast<long long>(b.rows) * width; p < n; ++p)
+            mark[p] = static_cast<float>(1 - valid[p]);
     }
     if (!NoteFilled(fill, static_cast<long long>(width) * blocks.Height(), m_filled))
     {

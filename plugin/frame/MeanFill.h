@@ -20,15 +20,15 @@ public:
 
     // Counts and sums the valid samples of rows y .. y + rows - 1 of columns x .. x + w - 1, which
     // the caller holds, rows `rowStride` samples apart: as Float32, or (`exact`) in a type that
-    // holds every value of the band. `masked` (w * rows flags, may be null) receives 1 where a
-    // pixel is masked.
+    // holds every value of the band.
     template <class T>
-    void Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact,
-                uint8_t* masked = nullptr);
-    void Survey(int x, int y, int w, int rows, const float* samples, long long rowStride, uint8_t* masked = nullptr)
+    void Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact);
+    void Survey(int x, int y, int w, int rows, const float* samples, long long rowStride)
     {
-        Survey(x, y, w, rows, samples, rowStride, m_floatExact, masked);
+        Survey(x, y, w, rows, samples, rowStride, m_floatExact);
     }
+    // The last survey's flags, w * rows of them, row after row: 1 valid, 0 masked.
+    const uint8_t* Flags() const { return m_flags.data(); }
     long long MaskedCount() const { return m_masked; }
     bool HasValidPixel() const { return m_valid > 0; }
     // The mean of the valid samples surveyed, in single precision as the transforms compute.
@@ -68,8 +68,7 @@ void BandMeanFill::ReadFlags(int x, int y, int w, int rows, const T* samples, lo
 }
 
 template <class T>
-void BandMeanFill::Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact,
-                          uint8_t* masked)
+void BandMeanFill::Survey(int x, int y, int w, int rows, const T* samples, long long rowStride, bool exact)
 {
     ReadFlags(x, y, w, rows, samples, rowStride, exact);
     long long valid = 0;
@@ -88,16 +87,17 @@ void BandMeanFill::Survey(int x, int y, int w, int rows, const T* samples, long 
         } else {
             // A select, as a masked NaN times 0 is NaN; four partial sums that do not wait on each other.
             double part[4] = {0, 0, 0, 0};
-            for (int p = 0; p < w; ++p) {
-                part[p & 3] += f[p] ? static_cast<double>(s[p]) : 0.0;
+            int p = 0;
+            for (; p + 4 <= w; p += 4)
+                for (int k = 0; k < 4; ++k)
+                    part[k] += f[p + k] ? static_cast<double>(s[p + k]) : 0.0;
+            for (; p < w; ++p)
+                part[0] += f[p] ? static_cast<double>(s[p]) : 0.0;
+            for (p = 0; p < w; ++p)
                 count += f[p];
-            }
             m_sum += (part[0] + part[1]) + (part[2] + part[3]);
         }
         valid += count;
-        if (masked)
-            for (int p = 0; p < w; ++p)
-                masked[static_cast<long long>(r) * w + p] = static_cast<uint8_t>(1 - f[p]);
     }
     m_valid += valid;
     m_masked += static_cast<long long>(w) * rows - valid;
