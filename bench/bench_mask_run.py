@@ -21,6 +21,9 @@ from osgeo import gdal
 RUNS = [
     ("kt", ["kt"]),
     ("pca", ["pca", "-stats", "{stats}"]),
+    # fft and dwt fill masked pixels with their band's mean: one band's spectrum, every band's quadrants.
+    ("fft", ["fft", "-b", "1"]),
+    ("dwt", ["dwt"]),
 ]
 TARGET_MASKED, TARGET_PLAIN = 1.15, 1.05  # masked scene; scene without no-data
 

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <sstream>
 
 namespace {
@@ -41,9 +42,33 @@ const char* const kMaskHelp =
     "  By default a pixel is left out where any band used is masked by GDAL's rules (mask band,\n"
     "  alpha band, no-data value) or, for floating-point inputs, is NaN or infinite.\n";
 
+const char* const kFillMaskHelp =
+    "  -srcnodata \"V [V...]\"  input value(s) to treat as masked, one for all bands or one per band\n"
+    "                        of INPUT; replaces the bands' own masks\n"
+    "  -nomask      no masking: every pixel is transformed as it is\n"
+    "  By default a pixel of a band is masked where GDAL's rules for that band say so (mask band,\n"
+    "  alpha band, no-data value) or, in a floating-point band, where it is NaN or infinite. Masked\n"
+    "  pixels are given the mean of the band's other pixels before the transform, with a warning\n"
+    "  saying how many; the output declares no no-data value, so -dstnodata does not apply.\n";
+
 bool TakesMaskOptions(const std::string& command)
 {
-    return command == "kt" || command == "pca" || command == "pca-inverse";
+    return command == "kt" || command == "pca" || command == "pca-inverse" || FillsMaskedPixels(command);
+}
+
+bool FillsMaskedPixels(const std::string& command) { return command == "fft" || command == "dwt"; }
+
+const char* MaskHelp(const std::string& command)
+{
+    return FillsMaskedPixels(command) ? kFillMaskHelp : TakesMaskOptions(command) ? kMaskHelp : "";
+}
+
+std::string FillOptionsProblem(const std::string& command, const MaskOptions& mask)
+{
+    if (FillsMaskedPixels(command) && mask.hasDstNoData)
+        return "option -dstnodata does not apply to " + command +
+               ": its output has no no-data value, masked pixels are filled with their band's mean";
+    return {};
 }
 
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask)
@@ -128,7 +153,7 @@ boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask)
     if (mask.noMask)
         return seed;
     if (const auto* r = boost::any_cast<stTransInfo>(&seed))
-        return stMaskedTransInfo{*r, MaskInfo(mask)};
+        return stMaskedTransInfo{*r, MaskInfo(mask), {}};
     if (const auto* r = boost::any_cast<stForwardPCAInfo>(&seed))
         return stMaskedForwardPCAInfo{*r, MaskInfo(mask), 0, 0};
     if (const auto* r = boost::any_cast<stInversePCAInfo>(&seed))
@@ -145,6 +170,28 @@ boost::any SeedOf(const boost::any& record)
     if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
         return r->info;
     return record;
+}
+
+std::string FilledPixelsWarning(const boost::any& record)
+{
+    const auto* r = boost::any_cast<stMaskedTransInfo>(&record);
+    std::string lines;
+    if (!r)
+        return lines;
+    for (const stBandFill& f : r->vecFilled) {
+        char mean[32];
+        std::snprintf(mean, sizeof mean, "%.7g", f.dValue);
+        if (!lines.empty())
+            lines += '\n';
+        lines += "Warning: band ";
+        lines += std::to_string(f.nBand);
+        lines += ": " + Grouped(f.nFilled);
+        lines += " of " + Grouped(f.nPixels);
+        lines += " pixels were masked and filled with the mean of the others, ";
+        lines += mean;
+        lines += ", before the transform";
+    }
+    return lines;
 }
 
 bool StatisticsCount(const boost::any& record, long long& used, long long& total)

@@ -16,6 +16,14 @@ struct MaskOptions {
 
 // The commands whose runs leave masked pixels out.
 bool TakesMaskOptions(const std::string& command);
+// The commands that fill masked pixels with their band's mean instead (fft, dwt).
+bool FillsMaskedPixels(const std::string& command);
+// -dstnodata given to a command that fills masked pixels, or empty.
+std::string FillOptionsProblem(const std::string& command, const MaskOptions& mask);
+// The mask options' help for `command`.
+const char* MaskHelp(const std::string& command);
+// One "Warning: band N: ..." line per band a Fourier or wavelet run filled, or empty.
+std::string FilledPixelsWarning(const boost::any& record);
 // Parses `flag` with its value (empty for -nomask); the problem, or empty.
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask);
 // A usage problem of the options taken together with the input's band count and the output's
@@ -55,3 +63,4 @@ bool StatisticsCount(const boost::any& record, long long& used, long long& total
 std::string MaskOptionsText(const std::string& command, const boost::any& record);
 
 extern const char* const kMaskHelp;
+extern const char* const kFillMaskHelp;

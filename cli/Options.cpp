@@ -96,7 +96,7 @@ std::string CommandHelp(const std::string& name)
 {
     const CommandInfo& info = Commands().at(name);
     return std::string("Usage: tavtransform ") + info.usage + "\n" + info.summary + "\n\n" + info.details +
-           (TakesMaskOptions(name) ? kMaskHelp : "") + "\n" + kCommonOptions;
+           MaskHelp(name) + "\n" + kCommonOptions;
 }
 
 const char* const kPixelTypes[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};

@@ -86,6 +86,8 @@ ParseResult BuildRecord(Options o)
     }
     if (TakesMaskOptions(o.command)) {
         const std::string outType = o.command == "kt" ? "Float32" : o.outType;
+        if (std::string problem = FillOptionsProblem(o.command, o.mask); !problem.empty())
+            return Usage(problem, o.command);
         if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands, outType); !problem.empty())
             return Usage(problem, o.command);
         o.request.record = MaskedRecord(o.request.record, o.mask);

@@ -208,6 +208,8 @@ int Run(const Request& req)
     kept.Commit();
     for (const std::string& line : HostWarnings())
         std::fprintf(stderr, "%s\n", line.c_str());
+    if (const std::string filled = FilledPixelsWarning(algo->GetParams()); !filled.empty())
+        std::fprintf(stderr, "%s\n", filled.c_str());
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
     return kOk;

@@ -8,13 +8,25 @@
 
 bool TavTransformFunc::ExecuteMaskedTransInfo()
 {
-    const stMaskedTransInfo masked = boost::any_cast<stMaskedTransInfo>(m_params);
+    stMaskedTransInfo masked = boost::any_cast<stMaskedTransInfo>(m_params);
     Report(0);
     bool ok = false;
-    if (masked.info.nTransType == 4)
+    const int type = masked.info.nTransType;
+    // The Fourier and wavelet inverses take their input as it is: a spectrum has no masked pixels.
+    const stMaskInfo* fill = masked.info.bForward ? &masked.mask : nullptr;
+    if (type == 4)
         ok = RunMaskedTasseledCap(masked);
+    else if (type == 2)
+        ok = RunFourier(masked.info, fill, &masked.vecFilled);
+    else if (type == 3)
+        ok = RunWavelet(masked.info, fill, &masked.vecFilled);
     else
         RefuseMasked();
+    if (type == 2 || type == 3) {
+        // What was filled goes back to the host, which warns of it.
+        masked.vecFilled = ok ? masked.vecFilled : std::vector<stBandFill>{};
+        m_params = masked;
+    }
     if (CancelRequested() && !ok)
         m_nErrorCode = -1010;
     Report(100);

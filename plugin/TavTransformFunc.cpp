@@ -141,9 +141,11 @@ bool TavTransformFunc::RunMnf(const stTransInfo& info)
     return ok;
 }
 
-bool TavTransformFunc::RunFourier(const stTransInfo& info)
+bool TavTransformFunc::RunFourier(const stTransInfo& info, const stMaskInfo* mask, std::vector<stBandFill>* filled)
 {
     TavTransFFTFuncNew worker(m_context);
+    if (mask)
+        worker.SetMask(*mask);
     const bool ok = info.bForward
                         ? worker.ForwardRun(info.strInputFile, info.strOutputFile, info.strFormat, info.vecBands)
                         : worker.InverseRun(info.strInputFile, info.strOutputFile, info.nOutDataType, info.strFormat);
@@ -152,12 +154,16 @@ bool TavTransformFunc::RunFourier(const stTransInfo& info)
         m_strErrorText = worker.ErrorText();
         RemoveFile(info.strOutputFile);
     }
+    if (filled)
+        *filled = worker.Filled();
     return ok;
 }
 
-bool TavTransformFunc::RunWavelet(const stTransInfo& info)
+bool TavTransformFunc::RunWavelet(const stTransInfo& info, const stMaskInfo* mask, std::vector<stBandFill>* filled)
 {
     WaveletTransformFunc worker(m_context);
+    if (mask)
+        worker.SetMask(*mask);
     const bool ok =
         info.bForward
             ? worker.Forward(info.strInputFile, info.strOutputFile, info.strFormat, kNoBandList, kNoBandCount,
@@ -171,6 +177,8 @@ bool TavTransformFunc::RunWavelet(const stTransInfo& info)
         RemoveFile(info.strOutputFile);
     }
     RemoveFile(WaveletTempPath(info.strOutputFile));
+    if (filled)
+        *filled = worker.Filled();
     return ok;
 }
 

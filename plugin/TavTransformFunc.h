@@ -10,6 +10,8 @@
 
 class CPCAEngine;
 struct stTransInfo;
+struct stMaskInfo;
+struct stBandFill;
 struct stMaskedTransInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
@@ -42,8 +44,11 @@ private:
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
     bool RunMnf(const stTransInfo& info);
-    bool RunFourier(const stTransInfo& info);
-    bool RunWavelet(const stTransInfo& info);
+    // With a mask, the forward runs fill masked pixels and say which bands they filled.
+    bool RunFourier(const stTransInfo& info, const stMaskInfo* mask = nullptr,
+                    std::vector<stBandFill>* filled = nullptr);
+    bool RunWavelet(const stTransInfo& info, const stMaskInfo* mask = nullptr,
+                    std::vector<stBandFill>* filled = nullptr);
     bool RunTasseledCap(const stTransInfo& info);
     // The Tasseled Cap's clean-up after a worker returned `ok`, for both of its runs.
     bool FinishTasseledCap(bool ok, const QString& workerText, const QString& output);

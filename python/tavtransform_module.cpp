@@ -31,6 +31,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <sstream>
 
 namespace py = pybind11;
 namespace fs = std::filesystem;
@@ -150,7 +151,12 @@ py::object Execute(const Request& req, const py::object& progress)
     if (const std::string problem = FinishOutput(req); !problem.empty())
         Raise(1, problem);
     kept.Commit();
-    for (const std::string& line : HostWarnings())
+    std::vector<std::string> warnings = HostWarnings();
+    // One warning per band a masked Fourier or wavelet run filled.
+    std::istringstream filled(FilledPixelsWarning(algo->GetParams()));
+    for (std::string line; std::getline(filled, line);)
+        warnings.push_back(line);
+    for (const std::string& line : warnings)
         if (PyErr_WarnEx(PyExc_RuntimeWarning, line.c_str(), 1) != 0)
             throw py::error_already_set();
     if (req.statsOnly)

@@ -97,6 +97,27 @@ class Runs(unittest.TestCase):
             tavtransform.run("pca", self.path("fill.tif"), self.path("pc.jpg"), stats=self.path("s.sta"), ot="Byte",
                              n=3, of="JPEG")
 
+    def test_fft_and_dwt_fill_the_fill_with_the_mean_and_warn(self):
+        data = np.arange(2 * 5 * 7, dtype=np.uint16).reshape(2, 5, 7) + 1
+        data[:, 0, :] = 7  # a fill row; the others of band 1 are 8 .. 35, of mean 21.5
+        ds = gdal.GetDriverByName("GTiff").Create(self.path("in.tif"), 7, 5, 2, gdal.GDT_UInt16)
+        ds.WriteArray(data)
+        ds = None
+        filled = data.astype(float)
+        filled[:, 0, :] = [[filled[b, 1:, :].mean()] for b in range(2)]
+        spectrum = np.fft.fftshift(np.fft.ifft2(filled[0]))  # the positive exponent over W x H, centred
+        for command in ("fft", "dwt"):
+            with self.subTest(command):
+                with self.assertWarnsRegex(RuntimeWarning, "band 1: 7 of 35 pixels were masked and filled with the mean "
+                                                           "of the others, 21.5, before the transform"):
+                    tavtransform.run(command, self.path("in.tif"), self.path("py.tif"), srcnodata=7)
+                subprocess.run([CLI, command, "-q", "-srcnodata", "7", self.path("in.tif"), self.path("cli.tif")], check=True)
+                np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
+                tavtransform.run(command, self.path("in.tif"), self.path("all.tif"), mask=False)
+                self.assertFalse((read(self.path("all.tif"))[0] == read(self.path("py.tif"))[0]).all())
+        tavtransform.run("fft", self.path("in.tif"), self.path("f.tif"), srcnodata=7, b=1)
+        np.testing.assert_allclose(read(self.path("f.tif"))[0], [spectrum.real, spectrum.imag], atol=2e-5)
+
     def test_failures_and_cancellation_raise_and_leave_no_output(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")
         gdal.GetDriverByName("GTiff").Create(scene, 2000, 1500, 5).WriteArray(np.resize(np.arange(251, dtype=np.uint8), (5, 1500, 2000)))

@@ -1,4 +1,5 @@
 #include "fft/FftTransform.h"
+#include "frame/MeanFill.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 
@@ -261,13 +262,24 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
     if (!in || !CheckBands(bands, in->GetBandCount()))
         return false;
     const int bandCount = static_cast<int>(bands.size());
+    std::vector<std::unique_ptr<BandMeanFill>> fills;
+    m_filled.clear();
+    if (m_useMask) {
+        m_strError = MeanFillProblem(m_mask, bands, kContext);
+        if (!m_strError.isEmpty())
+            return false;
+        fills = MeanFills(*in, bands, m_mask);
+    }
     RasterPtr out = CreateLike(*in, output, 2 * bandCount, PDT_Float32, format);
     if (!out)
         return false;
     return EachBand(bandCount, *in, "Forward FFT Transform is running...",
                     [&](int i, FftBandBlocks& blocks, const auto& pass) {
-                        return ReadAndTransformRows(*in, bands[i], blocks, pass(0)) &&
-                               TransformColumns(blocks, +1, -1.0, pass(1)) &&
+                        BandMeanFill* fill = fills.empty() ? nullptr : fills[i].get();
+                        const bool rows = fill && fill->Active()
+                                              ? ReadFillAndTransformRows(*in, *fill, blocks, pass(0))
+                                              : ReadAndTransformRows(*in, bands[i], blocks, pass(0));
+                        return rows && TransformColumns(blocks, +1, -1.0, pass(1)) &&
                                WriteCentred(*out, 2 * i, blocks, pass(2));
                     });
 }
@@ -330,6 +342,42 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
             return false;
     }
     return true;
+}
+
+bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFill& fill, FftBandBlocks& blocks,
+                                                  const ProgressPass& pass)
+{
+    const int width = blocks.Width();
+    // The band is held whole anyway, so the mean costs no second read: each block's masked pixels
+    // are marked with 1 in its imaginary half, zero until the row transforms.
+    for (const RowBlock b : blocks.Blocks()) {
+        if (pass.Cancelled())
+            return LeaveCancelled();
+        if (!blocks.AppendZeroed())
+            return Fail(kContext, "Apply memory Fail!");
+        if (!ReadFloatRows(in, fill.Band(), b.first, b.rows, width, blocks.Re(b.index)))
+            return Fail(kContext, "Failed to read the input file!");
+        fill.Survey(0, b.first, width, b.rows, blocks.Re(b.index), width);
+        const uint8_t* valid = fill.Flags();
+        float* mark = blocks.Im(b.index);
+        for (long long p = 0, n = static_cast<long long>(b.rows) * width; p < n; ++p)
+            mark[p] = static_cast<float>(1 - valid[p]);
+    }
+    if (!NoteFilled(fill, static_cast<long long>(width) * blocks.Height(), m_filled))
+    {
+        m_strError = AllMaskedText(fill.Band(), kContext);
+        return false;
+    }
+    const float value = fill.Value();
+    for (const RowBlock b : blocks.Blocks()) {
+        float* re = blocks.Re(b.index);
+        float* im = blocks.Im(b.index);
+        for (long long p = 0, n = static_cast<long long>(b.rows) * width; p < n; ++p) {
+            re[p] = im[p] != 0.0f ? value : re[p];
+            im[p] = 0.0f;
+        }
+    }
+    return TransformBlockRows(blocks, +1, -1.0, pass);
 }
 
 bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,

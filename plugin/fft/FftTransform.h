@@ -1,10 +1,12 @@
 #pragma once
 #include "fft/FftKernel.h"
 #include "frame/RunSteps.h"
+#include "frame/MaskRecords.h"
 #include "frame/TransWorker.h"
 
 #include <vector>
 
+class BandMeanFill;
 class FftBandBlocks;
 
 // Fourier worker: centred real/imaginary spectrum bands and back.
@@ -17,6 +19,14 @@ public:
 
     // bands: 1-based band numbers; an empty list transforms nothing, so the creation fails.
     bool ForwardRun(const QString& input, const QString& output, const QString& format, std::vector<int> bands);
+    // From now on the forward runs give masked pixels their band's valid mean before the transform.
+    void SetMask(const stMaskInfo& mask)
+    {
+        m_mask = mask;
+        m_useMask = true;
+    }
+    // The bands of the last forward run that had pixels filled.
+    const std::vector<stBandFill>& Filled() const { return m_filled; }
     // outTypeIndex: 0-based pixel type (0..6).
     bool InverseRun(const QString& input, const QString& output, int outTypeIndex, const QString& format);
 
@@ -36,6 +46,9 @@ private:
     // the dataset the run opened, so that every band comes from one and the same scene.
     bool ReadAndTransformRows(OrvDataSource::RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
                               const ProgressPass& pass);
+    // The masked band's rows: all read and surveyed first, then filled and transformed.
+    bool ReadFillAndTransformRows(OrvDataSource::RasterDataset& in, BandMeanFill& fill, FftBandBlocks& blocks,
+                                  const ProgressPass& pass);
     bool UncentreConjugated(OrvDataSource::RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
                             const ProgressPass& pass);
     bool TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
@@ -45,4 +58,7 @@ private:
     bool WriteRealHalves(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, int declaredType);
 
     FftWorkspace m_workspace;
+    stMaskInfo m_mask;
+    bool m_useMask = false;
+    std::vector<stBandFill> m_filled;
 };

@@ -15,9 +15,19 @@ struct stMaskInfo {
     double dDstNoData = std::numeric_limits<double>::quiet_NaN();
 };
 
+// What a Fourier or wavelet run filled in one band.
+struct stBandFill {
+    int nBand = 0;         // 1-based input band
+    long long nFilled = 0; // masked pixels given the mean
+    long long nPixels = 0; // all pixels of the band
+    double dValue = 0;     // the mean of its valid pixels, the value they got
+};
+
 struct stMaskedTransInfo {
     stTransInfo info;
     stMaskInfo mask;
+    // Handed back by the Fourier and wavelet runs: the bands that had pixels filled.
+    std::vector<stBandFill> vecFilled;
 };
 
 struct stMaskedForwardPCAInfo {

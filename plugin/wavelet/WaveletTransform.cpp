@@ -1,4 +1,5 @@
 #include "wavelet/WaveletTransform.h"
+#include "frame/MeanFill.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 #include "wavelet/WaveletKernel.h"
@@ -110,6 +111,8 @@ public:
     explicit operator bool() const { return m_data != nullptr; }
     std::size_t Rows() const { return m_rows; }
     float* Row(std::size_t slot, std::size_t band) const { return m_data.get() + (slot * m_bands + band) * m_width; }
+    // Floats from a band's row to its next.
+    long long RowStride() const { return static_cast<long long>(m_bands * m_width); }
 
     // Rows y .. y + rows - 1 of the window's columns into slots from `slot`; GDAL converts to Float32.
     bool Read(RasterDataset* ds, int x, int y, std::size_t rows, std::size_t slot, const BandNumbers& bands) const
@@ -246,6 +249,8 @@ public:
     }
     bool Done() const { return m_read == m_h; }
     std::size_t NextEnd() const { return std::min(m_read + m_chunk, m_h); }
+    // One per band, null where the band is read as it is.
+    void SetFills(std::vector<BandMeanFill*> fills) { m_fills = std::move(fills); }
 
     bool ReadChunk(RasterDataset* in, const PixelWindow& win, const BandNumbers& bands)
     {
@@ -256,6 +261,10 @@ public:
         const std::size_t slot = m_read - m_base;
         if (!m_rows.Read(in, win.x0, win.y0 + static_cast<int>(m_read), rows, slot, bands))
             return false;
+        for (std::size_t b = 0; b < m_fills.size(); ++b)
+            if (m_fills[b])
+                m_fills[b]->Fill(win.x0, win.y0 + static_cast<int>(m_read), static_cast<int>(m_w),
+                                 static_cast<int>(rows), m_rows.Row(slot, b), m_rows.RowStride());
         for (std::size_t s = slot; s < slot + rows; ++s)
             for (std::size_t b = 0; b < m_bands; ++b)
                 WaveletKernel::ForwardLine(m_rows.Row(s, b), m_rows.Row(s, b), m_w, m_scratch.get());
@@ -303,6 +312,7 @@ private:
     std::size_t m_w, m_h, m_bands, m_chunk;
     BandRows m_rows, m_low, m_high, m_border;
     TypedBuffer<float> m_zeros, m_scratch;
+    std::vector<BandMeanFill*> m_fills;
     std::size_t m_read = 0; // rows read and row-passed
     std::size_t m_base = 0; // the row in slot 0 of m_rows
     std::size_t m_next = 0; // the next output pair
@@ -382,6 +392,61 @@ private:
     std::size_t m_next = 0; // the next pair of output rows
 };
 
+// How the survey of the means ended.
+enum class SurveyEnd { Done, Cancelled, NoMemory, ReadFailed, AllMasked };
+
+// The means of the bands that can have masked pixels: one read of those bands, a chunk of rows at
+// a time. Hands the fills to the stream and appends what they will fill to `filled`; `band` is the
+// band that ended it otherwise.
+SurveyEnd SurveyMeans(RasterDataset& in, const PixelWindow& win, const std::vector<std::unique_ptr<BandMeanFill>>& fills,
+                      std::size_t rowsPerChunk, const ProgressSpan& progress, ForwardStream& stream,
+                      std::vector<stBandFill>& filled, int& band)
+{
+    std::vector<BandMeanFill*> active, byBand;
+    BandNumbers bands;
+    for (const auto& fill : fills) {
+        byBand.push_back(fill->Active() ? fill.get() : nullptr);
+        if (fill->Active()) {
+            active.push_back(fill.get());
+            bands.push_back(fill->Band());
+        }
+    }
+    if (active.empty())
+        return SurveyEnd::Done;
+    // Read in the bands' own type when they share one (Float64 holds any), band after band: no
+    // conversion and the fewest bytes, which keeps this extra pass a small part of the run.
+    int type = in.GetRasterBand(bands[0] - 1)->GetRasterDataType();
+    for (int b : bands)
+        if (in.GetRasterBand(b - 1)->GetRasterDataType() != type)
+            type = PDT_Float64;
+    const std::size_t w = win.width, h = win.height, n = active.size(), bytes = BytesPerSample(type);
+    const std::size_t rows = rowsPerChunk ? rowsPerChunk : std::max<std::size_t>(1, kChunkBytes / Product(n, w, bytes));
+    TypedBuffer<double> chunk = NewSamples<double>(static_cast<long long>((Product(rows, n, w) * bytes + 7) / 8));
+    if (!chunk)
+        return SurveyEnd::NoMemory;
+    for (std::size_t y = 0; y < h; y += rows) {
+        if (progress.Cancelled())
+            return SurveyEnd::Cancelled;
+        const int nr = static_cast<int>(std::min(rows, h - y)), y0 = win.y0 + static_cast<int>(y);
+        if (!ReadBandRows(in, win.x0, static_cast<int>(w), y0, nr, bands, type, chunk.get(), SampleOrder::BandAfterBand))
+            return SurveyEnd::ReadFailed;
+        DispatchPixelType(type, [&](auto t) {
+            using T = typename decltype(t)::type;
+            const T* samples = reinterpret_cast<const T*>(chunk.get());
+            for (std::size_t b = 0; b < n; ++b)
+                active[b]->Survey(win.x0, y0, static_cast<int>(w), nr, samples + b * nr * w,
+                                  static_cast<long long>(w), true);
+        });
+    }
+    for (const BandMeanFill* fill : active) {
+        band = fill->Band();
+        if (!NoteFilled(*fill, static_cast<long long>(w) * h, filled))
+            return SurveyEnd::AllMasked;
+    }
+    stream.SetFills(std::move(byBand));
+    return SurveyEnd::Done;
+}
+
 } // namespace
 
 // What the inverse's set-up hands to its passes. The temporary goes last, after every handle.
@@ -421,6 +486,22 @@ bool WaveletTransformFunc::Forward(const QString& input, const QString& output, 
     const ProgressSpan progress(Context(), Tr(kContext, kForwardMessage));
     ProgressMarks marks(progress, 0, 2 * n);
     const BandNumbers inBands = ToBandNumbers(list), outBands = AllBandNumbers(n);
+    std::vector<std::unique_ptr<BandMeanFill>> fills;
+    m_filled.clear();
+    if (m_useMask) {
+        m_strError = MeanFillProblem(m_mask, inBands, kContext);
+        if (!m_strError.isEmpty())
+            return false;
+        fills = MeanFills(*in, inBands, m_mask);
+        int band = 0;
+        switch (SurveyMeans(*in, win, fills, m_rowsPerChunk, progress, stream, m_filled, band)) {
+        case SurveyEnd::Done: break;
+        case SurveyEnd::Cancelled: return LeaveCancelled();
+        case SurveyEnd::NoMemory: return Fail(kContext, "Apply memory Fail!");
+        case SurveyEnd::ReadFailed: return Fail(kContext, "Convert Data Fail!");
+        case SurveyEnd::AllMasked: m_strError = AllMaskedText(band, kContext); return false;
+        }
+    }
     while (!stream.Done()) {
         if (!marks.Reach(stream.NextEnd(), win.height))
             return LeaveCancelled();

@@ -1,8 +1,10 @@
 #pragma once
+#include "frame/MaskRecords.h"
 #include "frame/TransWorker.h"
 #include "wavelet/WaveletPaths.h"
 
 #include <cstddef>
+#include <vector>
 
 // Wavelet worker: one-level Daubechies decomposition into quadrants, and its synthesis.
 class WaveletTransformFunc : public TransWorker {
@@ -19,6 +21,16 @@ public:
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow,
                  long long memoryBudget);
 
+    // From now on Forward gives masked pixels their band's valid mean before the transform; it
+    // reads the bands once more for the means, unless nothing can be masked.
+    void SetMask(const stMaskInfo& mask)
+    {
+        m_mask = mask;
+        m_useMask = true;
+    }
+    // The bands of the last forward run that had pixels filled.
+    const std::vector<stBandFill>& Filled() const { return m_filled; }
+
     // Rows of all bands per chunk; 0 sizes chunks by bytes. Tests shrink it to move chunk edges.
     void SetRowsPerChunk(std::size_t rows) { m_rowsPerChunk = rows; }
 
@@ -29,5 +41,8 @@ private:
                         InverseSetup& setup);
 
     std::size_t m_rowsPerChunk = 0;
+    stMaskInfo m_mask;
+    bool m_useMask = false;
+    std::vector<stBandFill> m_filled;
 };
 

@@ -25,6 +25,7 @@ PIXEL_TYPES = tuple((t, t) for t in ("Byte", "UInt16", "Int16", "UInt32", "Int32
 STATS_WRITERS = ("pca", "mnf")
 STATS_READERS = ("pca-inverse", "mnf-inverse")
 MASKED = ("kt", "pca", "pca-inverse")  # the commands that leave masked pixels out
+FILLED = ("fft", "dwt")  # the commands that fill masked pixels with their band's mean
 
 COMMANDS = (
     Command("kt", "kt", "Tasseled Cap (K-T) transform", "Tasseled Cap",
@@ -92,12 +93,13 @@ OPTIONS = (
            "untick for the uncentred rotation"),
     Option("STATISTICS_ONLY", "stats_only", "flag", "Statistics only", False, ("pca",),
            "write the statistics file and the eigenvalue table, no components"),
-    Option("SRC_NODATA", "srcnodata", "text", "Source no-data values (V or one per band)", None, MASKED,
-           "pixels holding these values are left out, instead of the bands' own no-data, mask or alpha"),
+    Option("SRC_NODATA", "srcnodata", "text", "Source no-data values (V or one per band)", None, MASKED + FILLED,
+           "pixels holding these values are masked, instead of the bands' own no-data, mask or alpha; "
+           "the Fourier and wavelet transforms give them their band's mean"),
     Option("DST_NODATA", "dstnodata", "value", "Output no-data value", None, MASKED,
            "written at the left-out pixels; NaN for Float32/Float64 outputs and the type's lowest value for "
            "integers when not given"),
-    Option("MASK", "mask", "switch", "Leave out no-data pixels", True, MASKED,
+    Option("MASK", "mask", "switch", "Leave out no-data pixels", True, MASKED + FILLED,
            "untick to transform every pixel, fill included"),
     Option("CREATION_OPTIONS", "co", "creation", "Creation options (NAME=VALUE|NAME=VALUE)", None,
            ALL,

@@ -539,12 +539,34 @@ TEST(Masks, BadMaskOptionsAreUsageErrors)
         {{"kt", "-srcnodata", "x", in, dir.file("o.tif")}, "option -srcnodata takes numbers"},
         {{"kt", "-dstnodata", "low", in, dir.file("o.tif")}, "option -dstnodata takes a number"},
         {{"kt", "-nomask", "-dstnodata", "0", in, dir.file("o.tif")}, "does not go with"},
-        {{"dwt", "-nomask", in, dir.file("o.tif")}, "not an option of 'dwt'"},
+        {{"dwt-inverse", "-nomask", in, dir.file("o.tif")}, "not an option of 'dwt-inverse'"},
+        {{"fft-inverse", "-srcnodata", "0", in, dir.file("o.tif")}, "not an option of 'fft-inverse'"},
+        {{"fft", "-dstnodata", "0", in, dir.file("o.tif")}, "-dstnodata does not apply to fft: its output has no no-data"},
+        {{"dwt", "-dstnodata", "0", in, dir.file("o.tif")}, "-dstnodata does not apply to dwt"},
         {{"pca", "-stats", dir.file("s.sta"), "-ot", "Byte", "-dstnodata", "300", in, dir.file("o.tif")},
          "does not fit the output type Byte"},
     };
     for (const auto& c : cases)
         ExpectRefused(dir, c.args, 2, c.message, in, dir.file("o.tif"));
+}
+
+// fft and dwt fill and warn band by band, declare no no-data; -nomask warns of nothing.
+TEST(Masks, FftAndDwtSayWhatTheyFilledAndNomaskFillsNothing)
+{
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("nd.tif"), tavtest::Fill::NoDataValue, 37, 29, 2);
+    const std::string line = ": " + std::to_string(sc.width * sc.height - sc.ValidCount()) +
+                             " of 1,073 pixels were masked and filled with the mean of the others, ";
+    for (const std::string command : {"fft", "dwt"}) {
+        const CliResult masked = RunCli(dir, {command, "-q", sc.path, dir.file(command + ".tif")});
+        ASSERT_EQ(masked.status, 0) << masked.err;
+        EXPECT_NE(masked.err.find("Warning: band 1" + line), std::string::npos) << masked.err;
+        EXPECT_NE(masked.err.find("Warning: band 2" + line), std::string::npos) << masked.err;
+        EXPECT_FALSE(tavtest::Info(dir.file(command + ".tif")).noData[0].first);
+        const CliResult all = RunCli(dir, {command, "-q", "-nomask", sc.path, dir.file(command + "-all.tif")});
+        ASSERT_EQ(all.status, 0) << all.err;
+        EXPECT_EQ(all.err.find("Warning"), std::string::npos) << all.err;
+    }
 }
 
 TEST(Masks, PcaSaysHowManyPixelsItsStatisticsSawAndNomaskSeesThemAll)

@@ -148,7 +148,7 @@ TEST(MaskedKt, OtherTransformsRefuseMaskedRecords)
     TempDir dir;
     const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::NoDataValue);
     stMaskedTransInfo m = MaskedKt(sc, dir.file("out.tif"));
-    m.info.nTransType = 3;
+    m.info.nTransType = 1;
     AlgoHarness h;
     EXPECT_FALSE(h.Run(m));
     EXPECT_EQ(h.Code(), 1);

@@ -100,9 +100,10 @@ class SameFilesAsTheCommandLine(Tmp):
          ["pca-inverse", "-stats", "cli/pca.sta", "-ot", "UInt16"], "pca"),
         ("mnf", {"STATISTICS": "mnf.sta"}, ["mnf", "-stats", "mnf.sta"], None),
         ("mnf_inverse", {"STATISTICS": "cli/mnf.sta"}, ["mnf-inverse", "-stats", "cli/mnf.sta"], "mnf"),
-        ("fft", {"BANDS": [4, 1]}, ["fft", "-b", "4", "-b", "1"], None),
+        ("fft", {"BANDS": [4, 1], "SRC_NODATA": "60"}, ["fft", "-b", "4", "-b", "1", "-srcnodata", "60"], None),
         ("fft_inverse", {}, ["fft-inverse", "-ot", "Float32"], "fft"),
-        ("dwt", {"CREATION_OPTIONS": "TILED=YES|COMPRESS=DEFLATE"}, ["dwt", "-co", "TILED=YES", "-co", "COMPRESS=DEFLATE"], None),
+        ("dwt", {"MASK": False, "CREATION_OPTIONS": "TILED=YES|COMPRESS=DEFLATE"},
+         ["dwt", "-nomask", "-co", "TILED=YES", "-co", "COMPRESS=DEFLATE"], None),
         ("dwt_inverse", {}, ["dwt-inverse"], "dwt"),
     ]
     FILE_OPTIONS = ("STATISTICS", "QUICKLOOK")
