@@ -241,8 +241,11 @@ std::string MaskOptionsText(const std::string& command, const boost::any& record
     std::string text;
     if (!mask->vecSrcNoData.empty()) {
         std::string values;
-        for (double v : mask->vecSrcNoData)
-            values += (values.empty() ? "" : " ") + Shortest(v);
+        for (double v : mask->vecSrcNoData) {
+            if (!values.empty())
+                values += ' ';
+            values += Shortest(v);
+        }
         text = "-srcnodata " + (mask->vecSrcNoData.size() > 1 ? "\"" + values + "\"" : values);
     }
     // NaN is the default: the output type's own value.

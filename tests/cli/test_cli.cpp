@@ -372,11 +372,12 @@ TEST(Outputs, RunRecordsTheMaskOptions)
         {"pca-inverse", stMaskedInversePCAInfo{i, {{1.5, -2, 1e-300}, true, 0.1}},
          "-stats s.sta -ot UInt16 -srcnodata \"1.5 -2 1e-300\" -dstnodata 0.1 -of GTiff"},
         {"pca-inverse", i, "-stats s.sta -ot UInt16 -nomask -of GTiff"},
-        {"kt", stMaskedTransInfo{t, {{nan}, true, nan}}, "-sensor etm -srcnodata nan -of GTiff"},
+        {"kt", stMaskedTransInfo{t, {{nan}, true, nan}, {}}, "-sensor etm -srcnodata nan -of GTiff"},
         {"kt", t, "-sensor etm -nomask -of GTiff"},
         {"kt", set, "-sensor oli -of GTiff"},
         {"kt", setOff, "-sensor oli -nomask -of GTiff"},
-        {"dwt", t, "-of GTiff"}, // takes no mask options, records none
+        {"dwt", t, "-nomask -of GTiff"},
+        {"dwt-inverse", t, "-of GTiff"}, // takes no mask options, records none
     };
     for (const auto& c : cases) {
         Request req;
