@@ -11,6 +11,7 @@
 class CPCAEngine;
 struct stTransInfo;
 struct stMaskedTransInfo;
+struct stMaskInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
 // clean-up rules after a failure or a cancellation.
@@ -37,11 +38,14 @@ private:
     bool ExecuteMaskedTransInfo();
     bool ExecuteMaskedForwardPCA();
     bool ExecuteMaskedInversePCA();
+    bool ExecuteMaskedForwardMNF();
     bool RefuseMasked();
     bool RunMaskedTasseledCap(const stMaskedTransInfo& masked);
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
-    bool RunMnf(const stTransInfo& info);
+    // mask: a masked run's (null: none); pixels: where a masked forward run leaves the valid and
+    // total pixel counts.
+    bool RunMnf(const stTransInfo& info, const stMaskInfo* mask = nullptr, long long* pixels = nullptr);
     bool RunFourier(const stTransInfo& info);
     bool RunWavelet(const stTransInfo& info);
     bool RunTasseledCap(const stTransInfo& info);
