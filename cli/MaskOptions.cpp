@@ -40,7 +40,8 @@ const char* const kMaskHelp =
 
 bool TakesMaskOptions(const std::string& command)
 {
-    return command == "kt" || command == "pca" || command == "pca-inverse";
+    return command == "kt" || command == "pca" || command == "pca-inverse" || command == "mnf" ||
+           command == "mnf-inverse";
 }
 
 std::string TakeMaskOption(const std::string& flag, const std::string& value, MaskOptions& mask)
@@ -118,6 +119,8 @@ boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask)
 {
     if (mask.noMask)
         return seed;
+    if (const auto* r = boost::any_cast<stTransInfo>(&seed); r && r->nTransType == 1 && r->bForward)
+        return stMaskedForwardMNFInfo{*r, MaskInfo(mask), 0, 0};
     if (const auto* r = boost::any_cast<stTransInfo>(&seed))
         return stMaskedTransInfo{*r, MaskInfo(mask)};
     if (const auto* r = boost::any_cast<stForwardPCAInfo>(&seed))
@@ -135,16 +138,22 @@ boost::any SeedOf(const boost::any& record)
         return r->info;
     if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
         return r->info;
+    if (const auto* r = boost::any_cast<stMaskedForwardMNFInfo>(&record))
+        return r->info;
     return record;
 }
 
 bool StatisticsCount(const boost::any& record, long long& used, long long& total)
 {
-    const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record);
-    // Said only where something was left out: otherwise the table is the unmasked run's.
-    if (!r || r->nTotalPixels <= 0 || r->nValidPixels == r->nTotalPixels)
+    if (const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record)) {
+        used = r->nValidPixels;
+        total = r->nTotalPixels;
+    } else if (const auto* m = boost::any_cast<stMaskedForwardMNFInfo>(&record)) {
+        used = m->nValidPixels;
+        total = m->nTotalPixels;
+    } else {
         return false;
-    used = r->nValidPixels;
-    total = r->nTotalPixels;
-    return true;
+    }
+    // Said only where something was left out: otherwise the statistics are the unmasked run's.
+    return total > 0 && used != total;
 }

@@ -208,6 +208,8 @@ int Run(const Request& req)
     kept.Commit();
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
+    if (long long used = 0, total = 0; req.command == "mnf" && !req.quiet && StatisticsCount(algo->GetParams(), used, total))
+        std::printf("%s\n", StatisticsOverLine(used, total).c_str());
     return kOk;
 }
 

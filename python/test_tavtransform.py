@@ -77,6 +77,12 @@ class Runs(unittest.TestCase):
                 tavtransform.run("kt", self.path("in.tif"), self.path("py.tif"), **options)
                 np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
         self.assertTrue((read(self.path("py.tif"))[0][:, 0, :] != -5).all(), "mask=False leaves the fill in")
+        # mnf: the fill row left out of the statistics, NaN in the components, as on the command line.
+        subprocess.run([CLI, "mnf", "-q", "-srcnodata", "7", "-stats", self.path("c.sta"), self.path("in.tif"),
+                        self.path("cli.tif")], check=True)
+        tavtransform.run("mnf", self.path("in.tif"), self.path("py.tif"), stats=self.path("p.sta"), srcnodata=7)
+        np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
+        self.assertTrue(np.isnan(read(self.path("py.tif"))[0][:, 0, :]).all())
 
     def test_failures_and_cancellation_raise_and_leave_no_output(self):
         scene, out = self.path("scene.tif"), self.path("o.tif")
