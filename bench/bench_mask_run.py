@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Masked against unmasked runs of kt and pca on a tilted-footprint scene.
+"""Masked against unmasked runs of kt, pca and mnf on a tilted-footprint scene.
 
 Makes WIDTH x HEIGHT x 6 UInt16 scenes with tav-make-scene: one whose fill (about a fifth of the
 pixels, outside a turned rectangle) is 0 and declared as no-data, and the same pixels without the
@@ -64,6 +64,8 @@ compare("kt masked / -nomask", ["kt", "-q", masked, o], ["kt", "-q", "-nomask", 
 compare("kt no no-data / -nomask", ["kt", "-q", plain, o], ["kt", "-q", "-nomask", plain, o])
 compare("pca masked / -nomask", ["pca", "-q", "-stats", st, masked, o], ["pca", "-q", "-nomask", "-stats", st, masked, o])
 compare("pca no no-data / -nomask", ["pca", "-q", "-stats", st, plain, o], ["pca", "-q", "-nomask", "-stats", st, plain, o])
+compare("mnf masked / -nomask", ["mnf", "-q", "-stats", st, masked, o], ["mnf", "-q", "-nomask", "-stats", st, masked, o])
+compare("mnf no no-data / -nomask", ["mnf", "-q", "-stats", st, plain, o], ["mnf", "-q", "-nomask", "-stats", st, plain, o])
 for label, extra in [("masked", []), ("-nomask", ["-nomask"])]:
     out = timed(["pca", "-q", *extra, "-stats", st, "-stats-only", masked])[1].splitlines()
     print("pca %-8s first component %s %% | %s" % (label, out[1].split()[2], out[-1] if "statistics" in out[-1] else "all pixels"))
