@@ -251,9 +251,22 @@ TEST(MaskedMnf, NothingMaskedGivesTheUnmaskedRunsBytes)
 }
 
 // Too little left to take statistics from: a clear failure, code 1, no output and no statistics
-// file, the input as it was.
-TEST(MaskedMnf, TooFewValidPixelsFailWithAMessage)
+// file, the input as it was. A cancel halfway leaves nothing either.
+TEST(MaskedMnf, TooFewValidPixelsOrACancelLeaveNothingBehind)
 {
+    {
+        TempDir dir;
+        const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::MaskBand);
+        AlgoHarness h;
+        h.onProgress = [&](double p) {
+            if (p > 50)
+                h.algo().Terminate();
+        };
+        EXPECT_FALSE(h.Run(MaskedForward(sc.path, sc.mask, dir.file("o.tif"), dir.file("o.sta"))));
+        EXPECT_EQ(h.Code(), -1010);
+        EXPECT_FALSE(Exists(dir.file("o.tif")));
+        EXPECT_FALSE(Exists(dir.file("o.sta")));
+    }
     struct Case {
         const char* what;
         std::function<bool(int x, int y)> valid;
