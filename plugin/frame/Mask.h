@@ -60,6 +60,16 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
             continue;
         }
         const T* s = samples + static_cast<long long>(j) * stride;
+        bool finiteOnly = false;
+        if constexpr (std::is_floating_point_v<T>)
+            finiteOnly = rule.nonFinite;
+        if (finiteOnly && rule.hasValue && std::isnan(rule.value)) {
+            // x − x is 0 for every finite x and NaN for NaN and ±∞: one compare that vectorises
+            // covers both rules.
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(s[i] - s[i] == T(0));
+            continue;
+        }
         if (rule.hasValue && std::isnan(rule.value)) {
             for (long long i = 0; i < count; ++i)
                 valid[i] &= static_cast<uint8_t>(!std::isnan(static_cast<double>(s[i])));
@@ -70,10 +80,9 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
             for (long long i = 0; i < count; ++i)
                 valid[i] &= static_cast<uint8_t>(s[i] != v);
         }
-        if constexpr (std::is_floating_point_v<T>)
-            if (rule.nonFinite)
-                for (long long i = 0; i < count; ++i)
-                    valid[i] &= static_cast<uint8_t>(std::isfinite(s[i]));
+        if (finiteOnly)
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(s[i] - s[i] == T(0));
     }
 }
 

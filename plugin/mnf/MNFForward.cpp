@@ -69,19 +69,6 @@ void CompleteCovariance(Matrix& cov, const Matrix& cross, const std::vector<doub
 
 enum class PassEnd { Done, Cancelled, Short, AllMasked, NoNoise };
 
-// Band after band of `pixels` samples (as a band-sequential read leaves them) into pixel-major
-// Float32 rows.
-template <class T>
-void Interleave(const T* bands, int n, long long pixels, float* rows)
-{
-    for (int b = 0; b < n; ++b) {
-        const T* in = bands + b * pixels;
-        float* out = rows + b;
-        for (long long p = 0; p < pixels; ++p)
-            out[p * n] = SampleToFloat(in[p]);
-    }
-}
-
 // The window's rows in blocks, read in the input's type band after band, which is GDAL's cheapest
 // way out of a pixel-interleaved file, and handed on as Float32, pixel after pixel. Each pass reads
 // every block on the run's thread while the pipeline's helper interleaves and computes the blocks

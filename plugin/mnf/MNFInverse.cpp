@@ -54,6 +54,9 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
         if (!(components[i] = NewRows<float>(blockSamples)) || !(pixels[i] = NewSamples<T>(blockSamples)))
             return Fail(kMNFContext, "Apply memory Fail!");
     std::vector<uint8_t> valid[kSlots];
+    TypedBuffer<float> bands = run.mask ? NewSamples<float>(blockSamples) : nullptr; // the run's thread's
+    if (run.mask && !bands)
+        return Fail(kMNFContext, "Apply memory Fail!");
     if (run.mask)
         try {
             for (auto& flags : valid)
@@ -91,13 +94,19 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     const bool whole = pipe.Stream(blocks.Count(), [&](int index) {
         const RowBlock block = blocks[index];
         float* in = components[index % kSlots].get();
+        const int y = run.sel.window.y0 + block.first;
+        // A masked run reads band after band, so that the samples give their own validity, and
+        // interleaves them itself.
+        float* read = run.mask ? bands.get() : in;
         // A failed read counts as zeros rather than whatever the buffer held.
-        if (!ReadBandRows(*run.in, run.sel.window.x0, width, run.sel.window.y0 + block.first, block.rows,
-                          run.sel.bands, PDT_Float32, in, SampleOrder::PixelMajor))
-            ClearTypedBuffer(in, PDT_Float32, block.rows * rowSamples);
-        if (run.mask)
-            run.mask->Read(run.sel.window.x0, run.sel.window.y0 + block.first, width, block.rows,
-                           valid[index % kSlots].data());
+        if (!ReadBandRows(*run.in, run.sel.window.x0, width, y, block.rows, run.sel.bands, PDT_Float32, read,
+                          run.mask ? SampleOrder::BandAfterBand : SampleOrder::PixelMajor))
+            ClearTypedBuffer(read, PDT_Float32, block.rows * rowSamples);
+        if (run.mask) {
+            const long long pixelsRead = static_cast<long long>(block.rows) * width;
+            run.mask->ReadWith(run.sel.window.x0, y, width, block.rows, read, pixelsRead, valid[index % kSlots].data());
+            Interleave(read, n, pixelsRead, in);
+        }
         return true;
     }, [&](int index) {
         const RowBlock block = blocks[index];
