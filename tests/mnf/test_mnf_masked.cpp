@@ -102,8 +102,11 @@ std::string Grouped(long long v)
 {
     const std::string digits = std::to_string(v);
     std::string s;
-    for (size_t i = 0; i < digits.size(); ++i)
-        s += (i > 0 && (digits.size() - i) % 3 == 0 ? "," : "") + std::string(1, digits[i]);
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0)
+            s += ',';
+        s += digits[i];
+    }
     return s;
 }
 
@@ -209,6 +212,30 @@ INSTANTIATE_TEST_SUITE_P(Fills, MaskedMnfByFill,
                          ::testing::Values(Fill::NoDataValue, Fill::MaskBand, Fill::AlphaBand, Fill::NaN,
                                            Fill::SrcNoDataPerBand),
                          [](const auto& info) { return std::string(FillName(info.param)); });
+
+// In a Float32 scene a pixel is masked where one band alone is +∞ or −∞, the others valid.
+TEST(MaskedMnf, InfinitiesAreMaskedLikeNaN)
+{
+    TempDir dir;
+    const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::NaN);
+    GDALDataset* ds = GDALDataset::Open(sc.path.c_str(), GDAL_OF_UPDATE);
+    for (int y = 0; y < sc.height; ++y)
+        for (int x = 0; x < sc.width; ++x)
+            for (int b = 0; b < sc.bands && !sc.Valid(x, y); ++b) {
+                float v = static_cast<float>(sc.Value(b, x, y));
+                if (b == 1)
+                    v = x % 2 ? -INFINITY : INFINITY;
+                ASSERT_EQ(ds->GetRasterBand(b + 1)->RasterIO(GF_Write, x, y, 1, 1, &v, 1, 1, GDT_Float32, 0, 0), CE_None);
+            }
+    GDALClose(ds);
+    AlgoHarness h;
+    ASSERT_TRUE(h.Run(MaskedForward(sc.path, sc.mask, dir.file("o.tif"), dir.file("o.sta"))));
+    EXPECT_EQ(boost::any_cast<stMaskedForwardMNFInfo>(h.algo().GetParams()).nValidPixels, sc.ValidCount());
+    for (int k = 1; k <= sc.bands; ++k)
+        EXPECT_EQ(Mismatches(dir.file("o.tif"), k, sc, [](double got) { return std::isnan(got); },
+                             [](long long, double got) { return std::isfinite(got); }),
+                  0);
+}
 
 // Nothing to mask, masks off, or a declared value that no pixel holds: the unmasked run's very
 // bytes, forward (components and statistics file) and inverse.
