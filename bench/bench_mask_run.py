@@ -21,6 +21,7 @@ from osgeo import gdal
 RUNS = [
     ("kt", ["kt"]),
     ("pca", ["pca", "-stats", "{stats}"]),
+    ("mnf", ["mnf", "-stats", "{stats}"]),
     # fft and dwt fill masked pixels with their band's mean: one band's spectrum, every band's quadrants.
     ("fft", ["fft", "-b", "1"]),
     ("dwt", ["dwt"]),

@@ -53,7 +53,8 @@ const char* const kFillMaskHelp =
 
 bool TakesMaskOptions(const std::string& command)
 {
-    return command == "kt" || command == "pca" || command == "pca-inverse" || FillsMaskedPixels(command);
+    return command == "kt" || command == "pca" || command == "pca-inverse" || command == "mnf" ||
+           command == "mnf-inverse" || FillsMaskedPixels(command);
 }
 
 bool FillsMaskedPixels(const std::string& command) { return command == "fft" || command == "dwt"; }
@@ -152,6 +153,8 @@ boost::any MaskedRecord(const boost::any& seed, const MaskOptions& mask)
     }
     if (mask.noMask)
         return seed;
+    if (const auto* r = boost::any_cast<stTransInfo>(&seed); r && r->nTransType == 1 && r->bForward)
+        return stMaskedForwardMNFInfo{*r, MaskInfo(mask), 0, 0};
     if (const auto* r = boost::any_cast<stTransInfo>(&seed))
         return stMaskedTransInfo{*r, MaskInfo(mask), {}};
     if (const auto* r = boost::any_cast<stForwardPCAInfo>(&seed))
@@ -168,6 +171,8 @@ boost::any SeedOf(const boost::any& record)
     if (const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record))
         return r->info;
     if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
+        return r->info;
+    if (const auto* r = boost::any_cast<stMaskedForwardMNFInfo>(&record))
         return r->info;
     return record;
 }
@@ -196,13 +201,17 @@ std::string FilledPixelsWarning(const boost::any& record)
 
 bool StatisticsCount(const boost::any& record, long long& used, long long& total)
 {
-    const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record);
-    // Said only where something was left out: otherwise the table is the unmasked run's.
-    if (!r || r->nTotalPixels <= 0 || r->nValidPixels == r->nTotalPixels)
+    if (const auto* r = boost::any_cast<stMaskedForwardPCAInfo>(&record)) {
+        used = r->nValidPixels;
+        total = r->nTotalPixels;
+    } else if (const auto* m = boost::any_cast<stMaskedForwardMNFInfo>(&record)) {
+        used = m->nValidPixels;
+        total = m->nTotalPixels;
+    } else {
         return false;
-    used = r->nValidPixels;
-    total = r->nTotalPixels;
-    return true;
+    }
+    // Said only where something was left out: otherwise the statistics are the unmasked run's.
+    return total > 0 && used != total;
 }
 
 namespace {
@@ -217,6 +226,8 @@ const stMaskInfo* MaskOf(const boost::any& record)
     if (const auto* r = boost::any_cast<stMaskedInversePCAInfo>(&record))
         return &r->mask;
     if (const auto* r = boost::any_cast<stTasseledCapInfo>(&record))
+        return &r->mask;
+    if (const auto* r = boost::any_cast<stMaskedForwardMNFInfo>(&record))
         return &r->mask;
     return nullptr;
 }

@@ -45,7 +45,12 @@ const Seed* SeedIn(const boost::any& record)
     const auto* masked = boost::any_cast<Masked>(&record);
     return masked ? &masked->info : nullptr;
 }
-inline const stTransInfo* TransSeed(const boost::any& r) { return SeedIn<stTransInfo, stMaskedTransInfo>(r); }
+inline const stTransInfo* TransSeed(const boost::any& r)
+{
+    if (const auto* mnf = boost::any_cast<stMaskedForwardMNFInfo>(&r))
+        return &mnf->info;
+    return SeedIn<stTransInfo, stMaskedTransInfo>(r);
+}
 inline const stForwardPCAInfo* ForwardPcaSeed(const boost::any& r)
 {
     return SeedIn<stForwardPCAInfo, stMaskedForwardPCAInfo>(r);

@@ -1,6 +1,7 @@
 #include "Records.h"
 
 #include "KtRecord.h"
+#include "StatsFiles.h"
 
 namespace {
 
@@ -85,7 +86,9 @@ ParseResult BuildRecord(Options o)
                 return bad;
     }
     if (TakesMaskOptions(o.command)) {
-        const std::string outType = o.command == "kt" ? "Float32" : o.outType;
+        const std::string outType = o.command == "kt" || o.command == "mnf"    ? "Float32"
+                                    : o.command == "mnf-inverse"               ? MnfInverseOutputType(o.stats)
+                                                                               : o.outType;
         if (std::string problem = FillOptionsProblem(o.command, o.mask); !problem.empty())
             return Usage(problem, o.command);
         if (std::string problem = MaskOptionsProblem(o.mask, o.inputBands, outType); !problem.empty())

@@ -261,3 +261,18 @@ StatsVerdict CheckStatisticsWritten(const Request& req)
                            path->toStdString() + "': " + singular + "."};
     return {};
 }
+
+std::string MnfInverseOutputType(const std::string& statsPath)
+{
+    static const char* const kNames[] = {"Byte", "UInt16", "Int16", "UInt32", "Int32", "Float32", "Float64"};
+    QFile f(QString::fromStdString(statsPath));
+    if (!f.open(QIODevice::ReadOnly))
+        return "Float64";
+    QDataStream in(&f);
+    in.setVersion(17);
+    QString records[2];
+    for (QString& r : records)
+        in >> r;
+    const int code = records[1].mid(records[1].indexOf('=') + 1).trimmed().toInt();
+    return code >= 1 && code <= 7 ? kNames[code - 1] : "Float64";
+}

@@ -25,3 +25,7 @@ StatsVerdict CheckStatisticsWritten(const Request& req);
 // Bands (1-based) that a null vector of the n x n row-major matrix `m` combines, one column per
 // band; empty when `m` can be inverted in double precision.
 std::vector<int> DependentBands(const std::vector<double>& m, int n);
+
+// The GDAL name of the pixel type an MNF inverse writes (the one its statistics file records), or
+// "Float64" when the file does not say: what its -dstnodata value must fit.
+std::string MnfInverseOutputType(const std::string& statsPath);

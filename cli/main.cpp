@@ -212,6 +212,8 @@ int Run(const Request& req)
         std::fprintf(stderr, "%s\n", filled.c_str());
     if (req.statsOnly)
         PrintEigenTable(algo->GetParams());
+    if (long long used = 0, total = 0; req.command == "mnf" && !req.quiet && StatisticsCount(algo->GetParams(), used, total))
+        std::printf("%s\n", StatisticsOverLine(used, total).c_str());
     return kOk;
 }
 

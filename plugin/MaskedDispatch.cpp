@@ -16,6 +16,8 @@ bool TavTransformFunc::ExecuteMaskedTransInfo()
     const stMaskInfo* fill = masked.info.bForward ? &masked.mask : nullptr;
     if (type == 4)
         ok = RunMaskedTasseledCap(masked);
+    else if (type == 1)
+        ok = RunMnf(masked.info, &masked.mask);
     else if (type == 2)
         ok = RunFourier(masked.info, fill, &masked.vecFilled);
     else if (type == 3)
@@ -68,4 +70,22 @@ bool TavTransformFunc::RunMaskedTasseledCap(const stMaskedTransInfo& masked)
     KTMaskedTransformFunc worker(m_context);
     const bool ok = worker.Run(info.strInputFile, info.strOutputFile, info.strFormat, info.nSensorType, masked.mask);
     return FinishTasseledCap(ok, worker.ErrorText(), info.strOutputFile);
+}
+
+// The masked forward MNF run, which hands back how many pixels its statistics were taken over.
+bool TavTransformFunc::ExecuteMaskedForwardMNF()
+{
+    stMaskedForwardMNFInfo masked = boost::any_cast<stMaskedForwardMNFInfo>(m_params);
+    Report(0);
+    long long pixels[2] = {0, 0};
+    const bool ok = masked.info.bForward ? RunMnf(masked.info, &masked.mask, pixels) : RunMnf(masked.info, &masked.mask);
+    if (ok) {
+        masked.nValidPixels = pixels[0];
+        masked.nTotalPixels = pixels[1];
+        m_params = masked;
+    }
+    if (CancelRequested() && !ok)
+        m_nErrorCode = -1010;
+    Report(100);
+    return ok;
 }

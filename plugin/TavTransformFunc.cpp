@@ -65,6 +65,8 @@ bool TavTransformFunc::Execute()
         return ExecuteMaskedForwardPCA();
     if (m_params.type() == typeid(stMaskedInversePCAInfo))
         return ExecuteMaskedInversePCA();
+    if (m_params.type() == typeid(stMaskedForwardMNFInfo))
+        return ExecuteMaskedForwardMNF();
     return ExecuteTransInfo();
 }
 
@@ -117,15 +119,20 @@ bool TavTransformFunc::ExecuteTransInfo()
     return ok;
 }
 
-bool TavTransformFunc::RunMnf(const stTransInfo& info)
+bool TavTransformFunc::RunMnf(const stTransInfo& info, const stMaskInfo* mask, long long* pixels)
 {
     CMNFTransFunc worker(m_context);
+    worker.UseMask(mask);
     bool ok;
     if (info.bForward) {
         ok = worker.Forward(info.strInputFile, info.strOutputFile, info.strStatFile, info.strFormat, kNoBandList,
                             kNoBandCount, kWholeImage, kWholeImage, kWholeImage, kWholeImage, kMnfBlockBudget);
         if (CancelRequested())
             RemoveFile(info.strStatFile);
+        if (pixels) {
+            pixels[0] = worker.ValidPixels();
+            pixels[1] = worker.TotalPixels();
+        }
     } else {
         ok = worker.Inverse(info.strInputFile, info.strOutputFile, info.strStatFile, info.strFormat, kNoBandList,
                             kNoBandCount, kWholeImage, kWholeImage, kWholeImage, kWholeImage, kMnfBlockBudget);

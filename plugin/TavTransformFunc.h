@@ -13,6 +13,7 @@ struct stTransInfo;
 struct stMaskInfo;
 struct stBandFill;
 struct stMaskedTransInfo;
+struct stMaskInfo;
 
 // The module's algorithm object: takes one parameter record, runs its transform, owns the
 // clean-up rules after a failure or a cancellation.
@@ -39,11 +40,14 @@ private:
     bool ExecuteMaskedTransInfo();
     bool ExecuteMaskedForwardPCA();
     bool ExecuteMaskedInversePCA();
+    bool ExecuteMaskedForwardMNF();
     bool RefuseMasked();
     bool RunMaskedTasseledCap(const stMaskedTransInfo& masked);
     // Execute's end of a PCA run: the 100 report, and on a cancel -1010 and the removals.
     bool FinishPca(int status, std::initializer_list<QString> removedOnCancel);
-    bool RunMnf(const stTransInfo& info);
+    // mask: a masked run's (null: none); pixels: where a masked forward run leaves the valid and
+    // total pixel counts.
+    bool RunMnf(const stTransInfo& info, const stMaskInfo* mask = nullptr, long long* pixels = nullptr);
     // With a mask, the forward runs fill masked pixels and say which bands they filled.
     bool RunFourier(const stTransInfo& info, const stMaskInfo* mask = nullptr,
                     std::vector<stBandFill>* filled = nullptr);

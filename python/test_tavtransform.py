@@ -85,6 +85,12 @@ class Runs(unittest.TestCase):
                 tavtransform.run("kt", self.path("in.tif"), self.path("py.tif"), **options)
                 np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
         self.assertTrue((read(self.path("py.tif"))[0][:, 0, :] != -5).all(), "mask=False leaves the fill in")
+        # mnf: the fill row left out of the statistics, NaN in the components, as on the command line.
+        subprocess.run([CLI, "mnf", "-q", "-srcnodata", "7", "-stats", self.path("c.sta"), self.path("in.tif"),
+                        self.path("cli.tif")], check=True)
+        tavtransform.run("mnf", self.path("in.tif"), self.path("py.tif"), stats=self.path("p.sta"), srcnodata=7)
+        np.testing.assert_array_equal(read(self.path("py.tif"))[0], read(self.path("cli.tif"))[0])
+        self.assertTrue(np.isnan(read(self.path("py.tif"))[0][:, 0, :]).all())
         # A JPEG copy changes some of the fill's no-data pixels: said as a RuntimeWarning naming the value.
         data[:, 2:, :] = 0
         data[:, :2, :3] = np.arange(6 * 2 * 3).reshape(6, 2, 3) * 37 % 251 + 1

@@ -59,6 +59,14 @@ double OutputNoData(const stMaskInfo& info, int pixelType)
     return !std::isnan(v) && lo <= v && v <= hi ? std::trunc(v) : lo;
 }
 
+void DeclareMaskedOutput(RasterDataset& out, int bands, double dst, const char* item, const QString& text)
+{
+    for (int k = 0; k < bands; ++k)
+        out.GetRasterBand(k)->SetNoDataValue(dst);
+    if (item)
+        out.SetMetadataItem(item, text.toUtf8().constData());
+}
+
 QString StatisticsOverText(long long used, long long total)
 {
     const QLocale english(QLocale::English);

@@ -60,6 +60,16 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
             continue;
         }
         const T* s = samples + static_cast<long long>(j) * stride;
+        bool finiteOnly = false;
+        if constexpr (std::is_floating_point_v<T>)
+            finiteOnly = rule.nonFinite;
+        if (finiteOnly && rule.hasValue && std::isnan(rule.value)) {
+            // x − x is 0 for every finite x and NaN for NaN and ±∞: one compare that vectorises
+            // covers both rules.
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(s[i] - s[i] == T(0));
+            continue;
+        }
         if (rule.hasValue && std::isnan(rule.value)) {
             for (long long i = 0; i < count; ++i)
                 valid[i] &= static_cast<uint8_t>(!std::isnan(static_cast<double>(s[i])));
@@ -70,16 +80,46 @@ void RunMask::ReadWith(int x, int y, int w, int h, const T* samples, long long s
             for (long long i = 0; i < count; ++i)
                 valid[i] &= static_cast<uint8_t>(s[i] != v);
         }
-        if constexpr (std::is_floating_point_v<T>)
-            if (rule.nonFinite)
-                for (long long i = 0; i < count; ++i)
-                    valid[i] &= static_cast<uint8_t>(std::isfinite(s[i]));
+        if (finiteOnly)
+            for (long long i = 0; i < count; ++i)
+                valid[i] &= static_cast<uint8_t>(s[i] - s[i] == T(0));
     }
+}
+
+// Writes `dst` to every value of the masked pixels of `out` (`m` values a pixel, pixel-major) and
+// moves valid values that would read as `dst` one step off it, towards zero for floating-point
+// types; how many pixels were masked.
+template <class T>
+long long FillMaskedPixels(T* out, long long pixels, int m, const uint8_t* valid, T dst)
+{
+    T aside;
+    if constexpr (std::is_floating_point_v<T>)
+        aside = std::nextafter(dst, T(0));
+    else
+        aside = dst == std::numeric_limits<T>::max() ? dst - 1 : dst + 1;
+    long long filled = 0;
+    for (long long p = 0; p < pixels; ++p) {
+        T* px = out + p * m;
+        if (!valid[p]) {
+            ++filled;
+            for (int k = 0; k < m; ++k)
+                px[k] = dst;
+        } else {
+            for (int k = 0; k < m; ++k)
+                px[k] = px[k] == dst ? aside : px[k];
+        }
+    }
+    return filled;
 }
 
 // The value a masked pixel gets in an output of `pixelType`: the record's choice when it fits the
 // type, else NaN for floating-point types and the type's lowest value for integers.
 double OutputNoData(const stMaskInfo& info, int pixelType);
+
+// Declares `dst` as the no-data value of bands 1..bands of `out`; with an item name, records the
+// statistics text under it too.
+void DeclareMaskedOutput(OrvDataSource::RasterDataset& out, int bands, double dst, const char* item = nullptr,
+                         const QString& text = {});
 
 // "statistics over 8,412,113 of 12,000,000 pixels"
 QString StatisticsOverText(long long used, long long total);

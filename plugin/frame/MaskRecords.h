@@ -42,3 +42,13 @@ struct stMaskedInversePCAInfo {
     stInversePCAInfo info;
     stMaskInfo mask;
 };
+
+// A forward minimum noise fraction run; stMaskedTransInfo with nTransType 1 runs the same way but
+// hands nothing back.
+struct stMaskedForwardMNFInfo {
+    stTransInfo info;
+    stMaskInfo mask;
+    // Handed back after the run: the pixels the signal statistics were taken over, of all.
+    long long nValidPixels = 0;
+    long long nTotalPixels = 0;
+};

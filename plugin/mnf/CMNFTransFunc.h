@@ -4,6 +4,7 @@
 struct MNFForwardRun;
 struct MNFInverseRun;
 struct MNFSelection;
+struct stMaskInfo;
 
 // Minimum noise fraction worker: forward components with their statistics file, and the inverse
 // back to the input's bands and pixel type.
@@ -16,6 +17,13 @@ public:
     bool Inverse(const QString& input, const QString& output, const QString& statFile, const QString& format,
                  const int* bands, int bandCount, int firstCol, int lastCol, int firstRow, int lastRow, int blocks);
 
+    // Masked runs: the pixels to leave out and what to write there (null, the default: none). The
+    // mask must outlive the runs.
+    void UseMask(const stMaskInfo* mask) { m_pMask = mask; }
+    // After a forward run: the pixels its statistics were taken over, and all of the window's.
+    long long ValidPixels() const { return m_validPixels; }
+    long long TotalPixels() const { return m_totalPixels; }
+
 private:
     template <class T>
     bool ForwardPasses(MNFForwardRun& run);
@@ -25,4 +33,7 @@ private:
     // (none for a window or band list that does not fit).
     bool OpenSelected(const QString& input, const int* bands, int bandCount, int firstCol, int lastCol, int firstRow,
                       int lastRow, RasterPtr& in, MNFSelection& selection);
+
+    const stMaskInfo* m_pMask = nullptr;
+    long long m_validPixels = 0, m_totalPixels = 0;
 };

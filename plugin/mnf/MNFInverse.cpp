@@ -1,5 +1,6 @@
 // Inverse run: components back to the input's bands and pixel type through the inverted forward matrix.
 #include "frame/BlockPipeline.h"
+#include "frame/Mask.h"
 #include "frame/RasterAccess.h"
 #include "mnf/CMNFTransFunc.h"
 #include "mnf/MNFKernels.h"
@@ -11,7 +12,9 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <type_traits>
+#include <vector>
 
 using OrvDataSource::RasterDataset;
 using OrvDataSource::PDT_Float32;
@@ -27,6 +30,10 @@ struct MNFInverseRun {
     int n = 0, width = 0, height = 0, type = 0, rowsPerBlock = 1;
     TypedBuffer<double> inverse, means;
     const ProgressSpan* progress = nullptr;
+    // A masked run: where the components are masked the output gets dst. Null: nothing masked.
+    const RunMask* mask = nullptr;
+    double dst = 0;
+    long long filled = 0;
 };
 
 template <class T>
@@ -46,6 +53,17 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     for (int i = 0; i < kSlots; ++i)
         if (!(components[i] = NewRows<float>(blockSamples)) || !(pixels[i] = NewSamples<T>(blockSamples)))
             return Fail(kMNFContext, "Apply memory Fail!");
+    std::vector<uint8_t> valid[kSlots];
+    TypedBuffer<float> bands = run.mask ? NewSamples<float>(blockSamples) : nullptr; // the run's thread's
+    if (run.mask && !bands)
+        return Fail(kMNFContext, "Apply memory Fail!");
+    if (run.mask)
+        try {
+            for (auto& flags : valid)
+                flags.resize(static_cast<size_t>(blocks.RowsPerBlock() * width));
+        } catch (const std::bad_alloc&) {
+            return Fail(kMNFContext, "Apply memory Fail!");
+        }
     TypedBuffer<double> values = kDirect ? nullptr : NewRows<double>(static_cast<long long>(piece) * n);
     if (!kDirect && !values)
         return Fail(kMNFContext, "Apply memory Fail!");
@@ -65,6 +83,9 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
                 }
             }
         }
+        if (run.mask)
+            run.filled += FillMaskedPixels(pixels[index % kSlots].get(), static_cast<long long>(blocks[index].rows) * width,
+                                           n, valid[index % kSlots].data(), static_cast<T>(run.dst));
     });
     if (!pipe.Ready())
         return Fail(kMNFContext, "Apply memory Fail!");
@@ -73,10 +94,19 @@ bool CMNFTransFunc::InversePass(MNFInverseRun& run)
     const bool whole = pipe.Stream(blocks.Count(), [&](int index) {
         const RowBlock block = blocks[index];
         float* in = components[index % kSlots].get();
+        const int y = run.sel.window.y0 + block.first;
+        // A masked run reads band after band, so that the samples give their own validity, and
+        // interleaves them itself.
+        float* read = run.mask ? bands.get() : in;
         // A failed read counts as zeros rather than whatever the buffer held.
-        if (!ReadBandRows(*run.in, run.sel.window.x0, width, run.sel.window.y0 + block.first, block.rows,
-                          run.sel.bands, PDT_Float32, in, SampleOrder::PixelMajor))
-            ClearTypedBuffer(in, PDT_Float32, block.rows * rowSamples);
+        if (!ReadBandRows(*run.in, run.sel.window.x0, width, y, block.rows, run.sel.bands, PDT_Float32, read,
+                          run.mask ? SampleOrder::BandAfterBand : SampleOrder::PixelMajor))
+            ClearTypedBuffer(read, PDT_Float32, block.rows * rowSamples);
+        if (run.mask) {
+            const long long pixelsRead = static_cast<long long>(block.rows) * width;
+            run.mask->ReadWith(run.sel.window.x0, y, width, block.rows, read, pixelsRead, valid[index % kSlots].data());
+            Interleave(read, n, pixelsRead, in);
+        }
         return true;
     }, [&](int index) {
         const RowBlock block = blocks[index];
@@ -122,6 +152,15 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
     run.width = run.sel.window.width;
     run.height = run.sel.window.height;
 
+    std::unique_ptr<RunMask> mask;
+    if (m_pMask && PixelTypeBits(run.type) != 0) {
+        mask = std::make_unique<RunMask>(*run.in, run.sel.bands, *m_pMask);
+        if (mask->Active()) {
+            run.mask = mask.get();
+            run.dst = OutputNoData(*m_pMask, run.type);
+        }
+    }
+
     run.out = CreateOutput(output, run.width, run.height, run.n, run.type, format);
     if (!run.out)
         return Fail(kMNFContext, "OutFile Creat Fail!");
@@ -135,5 +174,7 @@ bool CMNFTransFunc::Inverse(const QString& input, const QString& output, const Q
     run.progress = &progress;
     bool ok = true; // an unknown pixel type leaves the output unwritten
     DispatchPixelType(run.type, [&](auto tag) { ok = InversePass<typename decltype(tag)::type>(run); });
+    if (ok && run.filled > 0)
+        DeclareMaskedOutput(*run.out, run.n, run.dst);
     return ok;
 }

@@ -114,6 +114,20 @@ template <int N>
 }
 
 template <int N>
+[[gnu::always_inline]] inline void NoiseRunN(const float* up, const float* row, const float* side, int count,
+                                             double* sums, double* cross)
+{
+    Moments<N> m(sums, cross);
+    for (int c = 0; c < count; ++c) {
+        D4 z[Moments<N>::V];
+        const long long at = static_cast<long long>(c) * N;
+        Lanes<N>::Noise(up + at, row + at, side + at, z);
+        m.Add(z);
+    }
+    m.Store(sums, cross);
+}
+
+template <int N>
 [[gnu::always_inline]] inline void DataRowN(const float* row, int width, double* sums, double* cross)
 {
     Moments<N> m(sums, cross);
@@ -195,6 +209,18 @@ void NoiseRowAny(const float* up, const float* row, int n, int width, double* su
     MirrorUpper(n, cross);
 }
 
+void NoiseRunAny(const float* up, const float* row, const float* side, int n, int count, double* sums,
+                 double* cross)
+{
+    std::vector<double> z(n);
+    for (long long at = 0; at < static_cast<long long>(count) * n; at += n) {
+        for (int b = 0; b < n; ++b)
+            z[b] = NoiseOf(up[at + b], row[at + b], side[at + b]);
+        AddPixel(z.data(), n, sums, cross);
+    }
+    MirrorUpper(n, cross);
+}
+
 void DataRowAny(const float* row, int n, int width, double* sums, double* cross)
 {
     std::vector<double> z(n);
@@ -258,6 +284,13 @@ void AffineRowAny(const float* row, int n, int width, const double* m, const dou
 MNF_CLONES void AccumulateNoiseRow(const float* up, const float* row, int n, int width, double* sums, double* cross)
 {
     MNF_BY_BANDS(n, (NoiseRowN<N>(up, row, width, sums, cross)), NoiseRowAny(up, row, n, width, sums, cross))
+}
+
+MNF_CLONES void AccumulateNoiseRun(const float* up, const float* row, const float* side, int n, int count,
+                                   double* sums, double* cross)
+{
+    MNF_BY_BANDS(n, (NoiseRunN<N>(up, row, side, count, sums, cross)),
+                 NoiseRunAny(up, row, side, n, count, sums, cross))
 }
 
 MNF_CLONES void AccumulateDataRow(const float* row, int n, int width, double* sums, double* cross)

@@ -9,6 +9,10 @@ constexpr int kRowSlack = 4;
 // neighbour, x − 0.5·(up + side) with the half-sum in single precision, added to the band sums
 // and to the n×n cross-product sums.
 void AccumulateNoiseRow(const float* up, const float* row, int n, int width, double* sums, double* cross);
+// The same for `count` pixels whose side neighbours are given one for one in `side` (pixel p's at
+// side + p·n): a stretch of a row, for runs that leave some pixels out.
+void AccumulateNoiseRun(const float* up, const float* row, const float* side, int n, int count, double* sums,
+                        double* cross);
 // The row's values added to the band sums and the n×n cross-product sums.
 void AccumulateDataRow(const float* row, int n, int width, double* sums, double* cross);
 

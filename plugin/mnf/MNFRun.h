@@ -40,6 +40,19 @@ inline T StorePixel(double v)
     return static_cast<T>(TruncatedLowBits(v));
 }
 
+// Band after band of `pixels` samples (as a band-sequential read leaves them) into pixel-major
+// Float32 rows.
+template <class T>
+void Interleave(const T* bands, int n, long long pixels, float* rows)
+{
+    for (int b = 0; b < n; ++b) {
+        const T* in = bands + b * pixels;
+        float* out = rows + b;
+        for (long long p = 0; p < pixels; ++p)
+            out[p * n] = SampleToFloat(in[p]);
+    }
+}
+
 // Pixel-major rows of `samples` samples with the kernels' slack after them, cleared.
 template <class T>
 TypedBuffer<T> NewRows(long long samples)

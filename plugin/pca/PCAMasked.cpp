@@ -46,10 +46,10 @@ void PcaMask::Declare(RasterDataset& out, int m) const
 {
     if (m_filled.load(std::memory_order_relaxed) == 0)
         return;
-    for (int k = 0; k < m; ++k)
-        out.GetRasterBand(k)->SetNoDataValue(m_dst);
     if (m_statistics)
-        out.SetMetadataItem("PCA_STATISTICS", StatisticsOverText(m_validPixels, m_total).toUtf8().constData());
+        DeclareMaskedOutput(out, m, m_dst, "PCA_STATISTICS", StatisticsOverText(m_validPixels, m_total));
+    else
+        DeclareMaskedOutput(out, m, m_dst);
 }
 
 void HandBackMaskedEigenValues(const RunContext& ctx, const std::vector<double>& values,

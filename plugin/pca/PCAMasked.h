@@ -72,25 +72,7 @@ void PcaMask::FillMasked(TOut* out, long long pixels, int m, int slot) const
 {
     if (!Masking())
         return;
-    const uint8_t* valid = m_flags[slot].data();
-    const TOut dst = static_cast<TOut>(m_dst);
-    TOut aside;
-    if constexpr (std::is_floating_point_v<TOut>)
-        aside = std::nextafter(dst, TOut(0));
-    else
-        aside = dst == std::numeric_limits<TOut>::max() ? dst - 1 : dst + 1;
-    long long filled = 0;
-    for (long long p = 0; p < pixels; ++p) {
-        TOut* px = out + p * m;
-        if (!valid[p]) {
-            ++filled;
-            for (int k = 0; k < m; ++k)
-                px[k] = dst;
-        } else {
-            for (int k = 0; k < m; ++k)
-                px[k] = px[k] == dst ? aside : px[k];
-        }
-    }
+    const long long filled = FillMaskedPixels(out, pixels, m, m_flags[slot].data(), static_cast<TOut>(m_dst));
     m_filled.fetch_add(filled, std::memory_order_relaxed);
 }
 

@@ -24,7 +24,7 @@ PIXEL_TYPES = tuple((t, t) for t in ("Byte", "UInt16", "Int16", "UInt32", "Int32
 
 STATS_WRITERS = ("pca", "mnf")
 STATS_READERS = ("pca-inverse", "mnf-inverse")
-MASKED = ("kt", "pca", "pca-inverse")  # the commands that leave masked pixels out
+MASKED = ("kt", "pca", "pca-inverse", "mnf", "mnf-inverse")  # the commands that leave masked pixels out
 FILLED = ("fft", "dwt")  # the commands that fill masked pixels with their band's mean
 
 COMMANDS = (

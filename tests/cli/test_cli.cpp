@@ -605,3 +605,38 @@ TEST(Masks, PcaSaysHowManyPixelsItsStatisticsSawAndNomaskSeesThemAll)
         }
     EXPECT_EQ(wrong, 0);
 }
+
+TEST(Masks, MnfSaysHowManyPixelsItsStatisticsSawAndItsInverseWritesTheAskedValue)
+{
+    TempDir dir;
+    const auto sc = tavtest::MakeMaskScene(dir.file("nd.tif"), tavtest::Fill::NoDataValue);
+    const std::string st = dir.file("m.sta"), line = "statistics over " + std::to_string(sc.ValidCount()) + " of 1,073 pixels";
+    const CliResult masked = RunCli(dir, {"mnf", "-stats", st, sc.path, dir.file("c.tif")});
+    ASSERT_EQ(masked.status, 0) << masked.err;
+    EXPECT_NE(masked.out.find(line), std::string::npos) << masked.out;
+    const auto info = tavtest::Info(dir.file("c.tif"));
+    EXPECT_TRUE(info.noData[0].first && std::isnan(info.noData[0].second));
+    const CliResult all = RunCli(dir, {"mnf", "-nomask", "-stats", dir.file("a.sta"), sc.path, dir.file("a.tif")});
+    ASSERT_EQ(all.status, 0) << all.err;
+    EXPECT_EQ(all.out.find("statistics over"), std::string::npos) << all.out;
+    EXPECT_EQ(tavtest::Info(dir.file("a.tif")).noData[0].first, false);
+    // UInt16 bands back from the components: 7 at the fill, the scene (truncated, within 1) elsewhere.
+    ASSERT_EQ(RunCli(dir, {"mnf-inverse", "-q", "-dstnodata", "7", "-stats", st, dir.file("c.tif"), dir.file("b.tif")})
+                  .status,
+              0);
+    EXPECT_EQ(tavtest::Info(dir.file("b.tif")).noData[0], std::make_pair(true, 7.0));
+    const auto back = tavtest::ReadBand(dir.file("b.tif"), 3);
+    long long wrong = 0;
+    for (int y = 0; y < sc.height; ++y)
+        for (int x = 0; x < sc.width; ++x) {
+            const double got = back[static_cast<size_t>(y) * sc.width + x];
+            wrong += sc.Valid(x, y) ? std::abs(got - sc.Value(2, x, y)) > 1 : got != 7;
+        }
+    EXPECT_EQ(wrong, 0);
+    // A value the inverse's type (the statistics file's UInt16) cannot hold, and a band count that
+    // is not the input's.
+    ExpectRefused(dir, {"mnf-inverse", "-dstnodata", "-1", "-stats", st, dir.file("c.tif"), dir.file("o.tif")}, 2,
+                  "does not fit the output type UInt16", dir.file("c.tif"), dir.file("o.tif"));
+    ExpectRefused(dir, {"mnf", "-srcnodata", "1 2", "-stats", dir.file("o.sta"), sc.path, dir.file("o.tif")}, 2,
+                  "one value or one per band", sc.path, dir.file("o.tif"));
+}

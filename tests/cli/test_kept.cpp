@@ -161,7 +161,7 @@ TEST_F(Kept, RefusedAndFailedRunsLeaveEveryFileAsItWas)
         // Values that cannot be represented.
         // Without masks, which would leave the NaN pixels out.
         {{"pca", "-nomask", "-stats", "n.sta", "nan.tif", "o.tif"}, 1, "band 2 of the scene holds NaN or infinite values"},
-        {{"mnf", "-stats", "n.sta", "inf.tif", "o.tif"}, 1, "band 3 of the scene holds NaN or infinite values"},
+        {{"mnf", "-nomask", "-stats", "n.sta", "inf.tif", "o.tif"}, 1, "band 3 of the scene holds NaN or infinite values"},
         {{"pca", "-nomask", "-stats-only", "-stats", "s.sta", "nan.tif"}, 1, "band 2 of the scene holds NaN"},
         {{"pca", "-corr", "-stats", "s.sta", "const.tif", "o.tif"}, 1, "band 3 is constant, so its correlations"},
         {{"pca-inverse", "-stats", "pnan.sta", "p4.tif", "o.tif"}, 1, "holds values that are not numbers"},

@@ -143,12 +143,12 @@ TEST(MaskedKt, NothingToMaskOrMasksOffGiveTheUnmaskedRunsBytes)
 }
 
 // Masking is only built for some transforms so far; the others refuse rather than ignore it.
-TEST(MaskedKt, OtherTransformsRefuseMaskedRecords)
+TEST(MaskedKt, UnknownTransformRefusesMaskedRecord)
 {
     TempDir dir;
     const MaskScene sc = MakeMaskScene(dir.file("in.tif"), Fill::NoDataValue);
     stMaskedTransInfo m = MaskedKt(sc, dir.file("out.tif"));
-    m.info.nTransType = 1;
+    m.info.nTransType = 9;
     AlgoHarness h;
     EXPECT_FALSE(h.Run(m));
     EXPECT_EQ(h.Code(), 1);
