@@ -32,7 +32,7 @@ stMaskedForwardMNFInfo MaskedForward(const std::string& in, const stMaskInfo& ma
 
 stMaskedTransInfo MaskedInverse(const std::string& in, const std::string& out, const std::string& stats)
 {
-    stMaskedTransInfo m{TransRecord(1, false, in, out), {}};
+    stMaskedTransInfo m{TransRecord(1, false, in, out), {}, {}};
     m.info.strStatFile = Q(stats);
     return m;
 }
