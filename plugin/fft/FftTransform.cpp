@@ -1,8 +1,10 @@
 #include "fft/FftTransform.h"
+#include "fft/FftLanes.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -62,16 +64,25 @@ float* NewBlockFloats(long long count)
     return static_cast<float*>(p);
 }
 
-// Frees the kernel's scratch when a run ends, whichever way it ends.
-class WorkspaceRelease {
+// The run's lanes, and the kernel's scratch freed when a run ends, whichever way it ends.
+class RunLanes {
 public:
-    explicit WorkspaceRelease(FftWorkspace& ws) : m_ws(ws) {}
-    ~WorkspaceRelease() { FftFreeWorkspace(&m_ws); }
-    WorkspaceRelease(const WorkspaceRelease&) = delete;
-    WorkspaceRelease& operator=(const WorkspaceRelease&) = delete;
+    RunLanes(FftWorkspace& ws, FftLanes*& slot) : m_ws(ws), m_slot(slot), m_lanes(ws, FftLaneCount())
+    {
+        m_slot = &m_lanes;
+    }
+    ~RunLanes()
+    {
+        m_slot = nullptr;
+        FftFreeWorkspace(&m_ws);
+    }
+    RunLanes(const RunLanes&) = delete;
+    RunLanes& operator=(const RunLanes&) = delete;
 
 private:
     FftWorkspace& m_ws;
+    FftLanes*& m_slot;
+    FftLanes m_lanes;
 };
 
 // Rows firstRow .. firstRow + rows - 1 of a 1-based band, as Float32.
@@ -118,14 +129,16 @@ public:
     int FirstRow(int block) const { return m_rows[block].first; }
     int RowsOf(int block) const { return m_rows[block].rows; }
 
-    // Appends the next block with every float 0; false when memory is short.
-    bool AppendZeroed()
+    // Appends the next block; false when memory is short. The real half is left for the caller to
+    // fill whole; the imaginary half is set to 0 when asked, else the caller fills it too.
+    bool Append(bool zeroImaginary)
     {
-        const long long count = 2LL * RowsOf(static_cast<int>(m_blocks.size())) * m_width;
-        BlockBuffer block(NewBlockFloats(count));
+        const long long half = static_cast<long long>(RowsOf(static_cast<int>(m_blocks.size()))) * m_width;
+        BlockBuffer block(NewBlockFloats(2 * half));
         if (!block)
             return false;
-        std::memset(block.get(), 0, static_cast<std::size_t>(count) * sizeof(float));
+        if (zeroImaginary)
+            std::memset(block.get() + half, 0, static_cast<std::size_t>(half) * sizeof(float));
         m_blocks.push_back(std::move(block));
         return true;
     }
@@ -256,7 +269,7 @@ bool TavTransFFTFuncNew::EachBand(int count, OrvDataSource::RasterDataset& in, c
 bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output, const QString& format,
                                     std::vector<int> bands)
 {
-    WorkspaceRelease release(m_workspace);
+    RunLanes lanes(m_workspace, m_lanes);
     RasterPtr in = OpenInput(input);
     if (!in || !CheckBands(bands, in->GetBandCount()))
         return false;
@@ -275,7 +288,7 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
 bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output, int outTypeIndex,
                                     const QString& format)
 {
-    WorkspaceRelease release(m_workspace);
+    RunLanes lanes(m_workspace, m_lanes);
     RasterPtr in = OpenInput(input);
     if (!in)
         return false;
@@ -290,8 +303,9 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
         return false;
     return EachBand(outCount, *in, "Inverse FFT Transform is running...",
                     [&](int i, FftBandBlocks& blocks, const auto& pass) {
+                        // Un-centring fills both halves of every row.
                         for (int b = 0; b < blocks.BlockCount(); ++b)
-                            if (!blocks.AppendZeroed())
+                            if (!blocks.Append(false))
                                 return Fail(kContext, "Apply memory Fail!");
                         auto outBand = out->GetRasterBand(i);
                         return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0)) &&
@@ -320,7 +334,8 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
     for (const RowBlock b : blocks.Blocks()) {
         if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
             return LeaveCancelled();
-        if (!blocks.AppendZeroed())
+        // The read fills the real half; the imaginary parts of real pixels are 0.
+        if (!blocks.Append(true))
             return Fail(kContext, "Apply memory Fail!");
         // The host's block cache is small and bounded, so the band is held once, in the blocks.
         if (!ReadFloatRows(in, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
@@ -370,37 +385,63 @@ bool TavTransFFTFuncNew::TransformBlockRows(FftBandBlocks& blocks, int sign, dou
 
 bool TavTransFFTFuncNew::TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling)
 {
-    int width = blocks.Width();
+    const int width = blocks.Width();
+    const int rows = blocks.RowsOf(block);
+    // A kernel failure has no text of its own.
+    if (FftLinesPrepare(&m_workspace, width, sign) != 0)
+        return false;
     float* re = blocks.Re(block);
     float* im = blocks.Im(block);
-    for (int r = 0; r < blocks.RowsOf(block); ++r) {
-        const long long offset = static_cast<long long>(r) * width;
-        if (FftN(&m_workspace, 1, &width, re + offset, im + offset, sign, scaling) != 0)
-            return false; // a kernel failure has no text of its own
-    }
-    return true;
+    std::atomic<bool> failed{false};
+    m_lanes->Run([&](int lane) {
+        int first, end;
+        LaneShare(rows, lane, m_lanes->Count(), first, end);
+        const long long offset = static_cast<long long>(first) * width;
+        if (FftLinesRun(&m_lanes->Workspace(lane), width, sign, scaling, re + offset, im + offset, width,
+                        end - first) != 0)
+            failed = true;
+    });
+    return !failed;
 }
 
 bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
 {
     const int width = blocks.Width();
-    int height = blocks.Height();
+    const int height = blocks.Height();
+    const int lanes = m_lanes->Count();
     const int batch = std::min(kColumnBatch, width);
     const long long stride = ColumnStride(height);
-    auto re = NewSamples<float>(batch * stride);
-    auto im = NewSamples<float>(batch * stride);
+    // Each lane gathers its own batch of columns.
+    auto re = NewSamples<float>(lanes * batch * stride);
+    auto im = NewSamples<float>(lanes * batch * stride);
     if (!re || !im)
         return Fail(kContext, "Apply memory Fail!");
-    for (int x0 = 0; x0 < width; x0 += batch) {
-        const int n = std::min(batch, width - x0);
-        blocks.GatherColumns(x0, n, re.get(), im.get(), stride);
-        for (int k = 0; k < n; ++k) {
-            if (!pass.PollAndReport(x0 + k))
+    if (FftLinesPrepare(&m_workspace, height, sign) != 0)
+        return false; // a kernel failure has no text of its own
+    std::atomic<bool> failed{false};
+    const int round = lanes * batch;
+    for (int x0 = 0; x0 < width; x0 += round) {
+        const int end = std::min(width, x0 + round);
+        // Every column is polled and reported in order, as one lane would, before the round runs.
+        for (int x = x0; x < end; ++x)
+            if (!pass.PollAndReport(x))
                 return LeaveCancelled();
-            if (FftN(&m_workspace, 1, &height, re.get() + k * stride, im.get() + k * stride, sign, scaling) != 0)
-                return false; // a kernel failure has no text of its own
-        }
-        blocks.ScatterColumns(x0, n, re.get(), im.get(), stride);
+        m_lanes->Run([&](int lane) {
+            const int first = x0 + lane * batch;
+            const int n = std::min(batch, end - first);
+            if (n <= 0)
+                return;
+            float* laneRe = re.get() + lane * batch * stride;
+            float* laneIm = im.get() + lane * batch * stride;
+            blocks.GatherColumns(first, n, laneRe, laneIm, stride);
+            if (FftLinesRun(&m_lanes->Workspace(lane), height, sign, scaling, laneRe, laneIm, stride, n) != 0) {
+                failed = true;
+                return;
+            }
+            blocks.ScatterColumns(first, n, laneRe, laneIm, stride);
+        });
+        if (failed)
+            return false;
     }
     return true;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 class FftBandBlocks;
+class FftLanes;
 
 // Fourier worker: centred real/imaginary spectrum bands and back.
 class TavTransFFTFuncNew : public TransWorker {
@@ -45,4 +46,5 @@ private:
     bool WriteRealHalves(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, int declaredType);
 
     FftWorkspace m_workspace;
+    FftLanes* m_lanes = nullptr; // the run's threads, while a run is under way
 };
