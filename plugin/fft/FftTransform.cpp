@@ -10,6 +10,9 @@
 #include <cstring>
 #include <memory>
 #include <sys/mman.h>
+#ifdef __SSE2__
+#include <xmmintrin.h>
+#endif
 
 using namespace OrvDataSource;
 
@@ -167,28 +170,64 @@ public:
     }
 
 private:
+    // Four rows at a time, so that 4 x 4 tiles move as whole vectors; a group of four rows may
+    // straddle two blocks, hence a pointer per row.
     void CopyColumns(int x0, int n, float* re, float* im, long long stride, bool toBlocks)
     {
-        for (int b = 0; b < static_cast<int>(m_blocks.size()); ++b) {
-            const int first = FirstRow(b);
-            const int rows = RowsOf(b);
-            for (int r = 0; r < rows; ++r) {
-                float* rowRe = Re(b) + static_cast<long long>(r) * m_width + x0;
-                float* rowIm = Im(b) + static_cast<long long>(r) * m_width + x0;
-                float* colRe = re + first + r;
-                float* colIm = im + first + r;
-                if (toBlocks) {
-                    for (int k = 0; k < n; ++k) {
-                        rowRe[k] = colRe[k * stride];
-                        rowIm[k] = colIm[k * stride];
-                    }
-                } else {
-                    for (int k = 0; k < n; ++k) {
-                        colRe[k * stride] = rowRe[k];
-                        colIm[k * stride] = rowIm[k];
-                    }
-                }
+        int y = 0;
+        for (; y + 4 <= m_height; y += 4) {
+            float* rowRe[4];
+            float* rowIm[4];
+            for (int i = 0; i < 4; ++i) {
+                rowRe[i] = ReRow(y + i) + x0;
+                rowIm[i] = ImRow(y + i) + x0;
             }
+            CopyTiles(rowRe, re + y, n, stride, toBlocks);
+            CopyTiles(rowIm, im + y, n, stride, toBlocks);
+        }
+        for (; y < m_height; ++y) {
+            CopyOneRow(ReRow(y) + x0, re + y, n, stride, toBlocks);
+            CopyOneRow(ImRow(y) + x0, im + y, n, stride, toBlocks);
+        }
+    }
+
+    // Columns k of four rows to or from four consecutive entries of column array k.
+    static void CopyTiles(float* const row[4], float* col, int n, long long stride, bool toBlocks)
+    {
+        int k = 0;
+#ifdef __SSE2__
+        for (; k + 4 <= n; k += 4) {
+            float* c = col + k * stride;
+            if (toBlocks) {
+                __m128 a = _mm_loadu_ps(c), b = _mm_loadu_ps(c + stride);
+                __m128 d = _mm_loadu_ps(c + 2 * stride), e = _mm_loadu_ps(c + 3 * stride);
+                _MM_TRANSPOSE4_PS(a, b, d, e);
+                _mm_storeu_ps(row[0] + k, a);
+                _mm_storeu_ps(row[1] + k, b);
+                _mm_storeu_ps(row[2] + k, d);
+                _mm_storeu_ps(row[3] + k, e);
+            } else {
+                __m128 a = _mm_loadu_ps(row[0] + k), b = _mm_loadu_ps(row[1] + k);
+                __m128 d = _mm_loadu_ps(row[2] + k), e = _mm_loadu_ps(row[3] + k);
+                _MM_TRANSPOSE4_PS(a, b, d, e);
+                _mm_storeu_ps(c, a);
+                _mm_storeu_ps(c + stride, b);
+                _mm_storeu_ps(c + 2 * stride, d);
+                _mm_storeu_ps(c + 3 * stride, e);
+            }
+        }
+#endif
+        for (int i = 0; i < 4; ++i)
+            CopyOneRow(row[i] + k, col + k * stride + i, n - k, stride, toBlocks);
+    }
+
+    static void CopyOneRow(float* row, float* col, int n, long long stride, bool toBlocks)
+    {
+        for (int k = 0; k < n; ++k) {
+            if (toBlocks)
+                row[k] = col[k * stride];
+            else
+                col[k * stride] = row[k];
         }
     }
 
