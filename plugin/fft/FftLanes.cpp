@@ -44,6 +44,7 @@ FftLanes::FftLanes(FftWorkspace& mainWorkspace, int lanes) : m_main(mainWorkspac
 
 FftLanes::~FftLanes()
 {
+    Wait();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stop = true;
@@ -55,43 +56,64 @@ FftLanes::~FftLanes()
         FftFreeWorkspace(&ws);
 }
 
-void FftLanes::Run(const std::function<void(int)>& job)
+void FftLanes::Run(const Job& job)
 {
     if (m_helpers.empty()) {
-        job(0);
+        job(m_main, 0, 1);
         return;
     }
+    Post(job, true);
+    job(m_main, 0, Count());
+    Wait();
+}
+
+void FftLanes::Start(Job job)
+{
+    if (m_helpers.empty()) {
+        job(m_main, 0, 1);
+        return;
+    }
+    Post(std::move(job), false);
+}
+
+void FftLanes::Post(Job job, bool callerShares)
+{
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_job = &job;
+        m_job = std::move(job);
+        m_callerShares = callerShares;
         m_busy = static_cast<int>(m_helpers.size());
         ++m_generation;
     }
     m_wake.notify_all();
-    job(0);
+}
+
+void FftLanes::Wait()
+{
     std::unique_lock<std::mutex> lock(m_mutex);
     m_done.wait(lock, [this] { return m_busy == 0; });
-    m_job = nullptr;
 }
 
 void FftLanes::HelperLoop(int lane)
 {
     unsigned long seen = 0;
     for (;;) {
-        const std::function<void(int)>* job;
+        int share, shares;
         {
             std::unique_lock<std::mutex> lock(m_mutex);
             m_wake.wait(lock, [&] { return m_stop || m_generation != seen; });
             if (m_stop)
                 return;
             seen = m_generation;
-            job = m_job;
+            share = m_callerShares ? lane : lane - 1;
+            shares = m_callerShares ? Count() : Count() - 1;
         }
-        (*job)(lane);
+        // m_job is not replaced before every helper has reported back.
+        m_job(m_workspaces[lane - 1], share, shares);
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             --m_busy;
         }
-        m_done.notify_one();
+        m_done.notify_all();
     }
 }

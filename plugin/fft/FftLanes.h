@@ -21,23 +21,31 @@ public:
     FftLanes& operator=(const FftLanes&) = delete;
 
     int Count() const { return 1 + static_cast<int>(m_helpers.size()); }
-    FftWorkspace& Workspace(int lane) { return lane == 0 ? m_main : m_workspaces[lane - 1]; }
 
-    // job(lane) on every lane at once, lane 0 on the caller's thread; returns when all are done.
-    void Run(const std::function<void(int)>& job);
+    // job(workspace, share, shares): the job's share of `shares` equal parts of its work.
+    using Job = std::function<void(FftWorkspace& ws, int share, int shares)>;
+
+    // The job on every lane at once, share 0 on the caller's thread; returns when all are done.
+    void Run(const Job& job);
+    // The job on the helper lanes only, returning at once, so that the caller can read meanwhile;
+    // with no helpers it runs on the caller's thread before returning. Wait() waits for it.
+    void Start(Job job);
+    void Wait();
 
     // Lanes a run uses by default: the machine's cores, at most four.
     static int DefaultCount();
 
 private:
     void HelperLoop(int lane);
+    void Post(Job job, bool callerShares);
 
     FftWorkspace& m_main;
     std::vector<FftWorkspace> m_workspaces;
     std::vector<std::thread> m_helpers;
     std::mutex m_mutex;
     std::condition_variable m_wake, m_done;
-    const std::function<void(int)>* m_job = nullptr;
+    Job m_job;
+    bool m_callerShares = false; // Run: the caller takes share 0, the helpers the rest
     unsigned long m_generation = 0;
     int m_busy = 0;
     bool m_stop = false;

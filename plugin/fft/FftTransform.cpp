@@ -246,6 +246,64 @@ CentreGeometry Centre(const FftBandBlocks& blocks)
     return {blocks.Width(), blocks.Height(), blocks.Width() / 2, blocks.Height() / 2};
 }
 
+// The row pass, one block at a time: a block's rows are transformed on the helper lanes while the
+// caller reads the next block, and the last block on every lane. Each row is transformed by the
+// same code on whichever lane, so the result is the same as one row after another.
+class RowPipeline {
+public:
+    RowPipeline(FftLanes& lanes, FftWorkspace& ws, FftBandBlocks& blocks, int sign, double scaling)
+        : m_lanes(lanes), m_blocks(blocks), m_sign(sign), m_scaling(scaling),
+          m_prepared(FftLinesPrepare(&ws, blocks.Width(), sign) == 0)
+    {
+    }
+    // No helper may outlive the blocks it works on, whichever way the pass ends.
+    ~RowPipeline() { m_lanes.Wait(); }
+    RowPipeline(const RowPipeline&) = delete;
+    RowPipeline& operator=(const RowPipeline&) = delete;
+
+    // False when the kernel failed (it has no text of its own).
+    bool Prepared() const { return m_prepared; }
+    // The block's rows are all in: waits for the block before, then starts this one.
+    bool Filled(int block)
+    {
+        if (!Finish())
+            return false;
+        if (block + 1 == m_blocks.BlockCount())
+            m_lanes.Run(Job(block));
+        else
+            m_lanes.Start(Job(block));
+        return !*m_failed;
+    }
+    bool Finish()
+    {
+        m_lanes.Wait();
+        return !*m_failed;
+    }
+
+private:
+    FftLanes::Job Job(int block) const
+    {
+        const int width = m_blocks.Width();
+        const int rows = m_blocks.RowsOf(block);
+        float* re = m_blocks.Re(block);
+        float* im = m_blocks.Im(block);
+        return [=, sign = m_sign, scaling = m_scaling, failed = m_failed](FftWorkspace& ws, int share, int shares) {
+            int first, end;
+            LaneShare(rows, share, shares, first, end);
+            const long long offset = static_cast<long long>(first) * width;
+            if (FftLinesRun(&ws, width, sign, scaling, re + offset, im + offset, width, end - first) != 0)
+                *failed = true;
+        };
+    }
+
+    FftLanes& m_lanes;
+    FftBandBlocks& m_blocks;
+    int m_sign;
+    double m_scaling;
+    bool m_prepared;
+    std::shared_ptr<std::atomic<bool>> m_failed = std::make_shared<std::atomic<bool>>(false);
+};
+
 } // namespace
 
 TavTransFFTFuncNew::~TavTransFFTFuncNew() { FftFreeWorkspace(&m_workspace); }
@@ -347,8 +405,7 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
                             if (!blocks.Append(false))
                                 return Fail(kContext, "Apply memory Fail!");
                         auto outBand = out->GetRasterBand(i);
-                        return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0)) &&
-                               TransformBlockRows(blocks, -1, 0.0, pass(1)) &&
+                        return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0), pass(1)) &&
                                TransformColumns(blocks, -1, 0.0, pass(2)) &&
                                WriteRealHalves(*outBand, blocks, outType);
                     });
@@ -370,6 +427,10 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
                                               const ProgressPass& pass)
 {
     const int width = blocks.Width();
+    // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
+    RowPipeline rows(*m_lanes, m_workspace, blocks, +1, -1.0);
+    if (!rows.Prepared())
+        return false;
     for (const RowBlock b : blocks.Blocks()) {
         if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
             return LeaveCancelled();
@@ -379,22 +440,25 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
         // The host's block cache is small and bounded, so the band is held once, in the blocks.
         if (!ReadFloatRows(in, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
-        // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
-        if (!TransformRowsOf(blocks, b.index, +1, -1.0))
+        if (!rows.Filled(b.index))
             return false;
     }
-    return true;
+    return rows.Finish();
 }
 
 bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
-                                            const ProgressPass& pass)
+                                            const ProgressPass& readPass, const ProgressPass& rowPass)
 {
     const auto [width, height, hW, hH] = Centre(blocks);
     const RowPair row(width);
     if (!row)
         return Fail(kContext, "Apply memory Fail!");
+    // -1 without scaling; each block's rows start as soon as the block is read.
+    RowPipeline rows(*m_lanes, m_workspace, blocks, -1, 0.0);
+    if (!rows.Prepared())
+        return false;
     for (int y = 0; y < height; ++y) {
-        if (!pass.PollAndReport(y))
+        if (!readPass.PollAndReport(y))
             return LeaveCancelled();
         const int source = (y + hH) % height;
         if (!ReadFloatRows(in, realBandNumber, source, 1, width, row.re.get()) ||
@@ -407,40 +471,16 @@ bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumbe
         // The conjugate on the way in, so that the -1 passes below pair with the forward run.
         for (int x = 0; x < width; ++x)
             im[x] = -im[x];
-    }
-    return true;
-}
-
-bool TavTransFFTFuncNew::TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
-{
-    for (const RowBlock b : blocks.Blocks()) {
-        if (!pass.PollAndReport(static_cast<long long>(b.first) * blocks.Width()))
-            return LeaveCancelled();
-        if (!TransformRowsOf(blocks, b.index, sign, scaling))
+        if (blocks.IsLastRowOfBlock(y) && !rows.Filled(blocks.Blocks().BlockOfRow(y)))
             return false;
     }
-    return true;
-}
-
-bool TavTransFFTFuncNew::TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling)
-{
-    const int width = blocks.Width();
-    const int rows = blocks.RowsOf(block);
-    // A kernel failure has no text of its own.
-    if (FftLinesPrepare(&m_workspace, width, sign) != 0)
+    if (!rows.Finish())
         return false;
-    float* re = blocks.Re(block);
-    float* im = blocks.Im(block);
-    std::atomic<bool> failed{false};
-    m_lanes->Run([&](int lane) {
-        int first, end;
-        LaneShare(rows, lane, m_lanes->Count(), first, end);
-        const long long offset = static_cast<long long>(first) * width;
-        if (FftLinesRun(&m_lanes->Workspace(lane), width, sign, scaling, re + offset, im + offset, width,
-                        end - first) != 0)
-            failed = true;
-    });
-    return !failed;
+    // The row pass ran alongside the reads; its progress follows them, block by block, as before.
+    for (const RowBlock b : blocks.Blocks())
+        if (!rowPass.PollAndReport(static_cast<long long>(b.first) * width))
+            return LeaveCancelled();
+    return true;
 }
 
 bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
@@ -465,15 +505,15 @@ bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, doubl
         for (int x = x0; x < end; ++x)
             if (!pass.PollAndReport(x))
                 return LeaveCancelled();
-        m_lanes->Run([&](int lane) {
-            const int first = x0 + lane * batch;
+        m_lanes->Run([&](FftWorkspace& ws, int share, int) {
+            const int first = x0 + share * batch;
             const int n = std::min(batch, end - first);
             if (n <= 0)
                 return;
-            float* laneRe = re.get() + lane * batch * stride;
-            float* laneIm = im.get() + lane * batch * stride;
+            float* laneRe = re.get() + share * batch * stride;
+            float* laneIm = im.get() + share * batch * stride;
             blocks.GatherColumns(first, n, laneRe, laneIm, stride);
-            if (FftLinesRun(&m_lanes->Workspace(lane), height, sign, scaling, laneRe, laneIm, stride, n) != 0) {
+            if (FftLinesRun(&ws, height, sign, scaling, laneRe, laneIm, stride, n) != 0) {
                 failed = true;
                 return;
             }

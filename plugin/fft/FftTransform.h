@@ -1,12 +1,12 @@
 #pragma once
 #include "fft/FftKernel.h"
+#include "fft/FftLanes.h"
 #include "frame/RunSteps.h"
 #include "frame/TransWorker.h"
 
 #include <vector>
 
 class FftBandBlocks;
-class FftLanes;
 
 // Fourier worker: centred real/imaginary spectrum bands and back.
 class TavTransFFTFuncNew : public TransWorker {
@@ -37,10 +37,9 @@ private:
     // the dataset the run opened, so that every band comes from one and the same scene.
     bool ReadAndTransformRows(OrvDataSource::RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
                               const ProgressPass& pass);
+    // Reads and un-centres the rows (readPass), transforming each block's rows meanwhile (rowPass).
     bool UncentreConjugated(OrvDataSource::RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
-                            const ProgressPass& pass);
-    bool TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
-    bool TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling);
+                            const ProgressPass& readPass, const ProgressPass& rowPass);
     bool TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
     bool WriteCentred(OrvDataSource::RasterDataset& out, int firstBand, FftBandBlocks& blocks, const ProgressPass& pass);
     bool WriteRealHalves(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, int declaredType);
