@@ -321,9 +321,9 @@ TEST_P(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
 INSTANTIATE_TEST_SUITE_P(
     Blocks, RowBlocks,
     // 65536 columns leave 16 rows per 4 MiB block, so 37 rows make blocks of 16, 16 and 5 rows;
-    // 80660 columns leave 13, so groups of four rows straddle the blocks.
+    // 80659 columns leave 13, so groups of four rows straddle the blocks.
     ::testing::Values(PointCase{"SixteenSixteenFive", 65536, 37, 12345, 34, 0},
-                      PointCase{"ThirteenThirteenFourOnThreeLanes", 80660, 30, 80001, 13, 3}),
+                      PointCase{"ThirteenThirteenFourOnThreeLanes", 80659, 30, 80001, 13, 3}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
