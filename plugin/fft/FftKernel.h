@@ -43,6 +43,14 @@ const int* FftFactorList();
 
 void FftFreeWorkspace(FftWorkspace* ws);
 
+// Many lines of one length n, each transformed as FftN(ws, 1, {n}, line, line, iSign, scaling)
+// would (|iSign| must be 1). FftLinesPrepare does the checks and writes the factor list once, on
+// the caller's thread; FftLinesRun may then run on several threads at once, each with a workspace
+// of its own, the lines at re + i * lineStep, i < count. Both return 0, or -1 with ws freed.
+int FftLinesPrepare(FftWorkspace* ws, int n, int iSign);
+int FftLinesRun(FftWorkspace* ws, int n, int iSign, double scaling, float* re, float* im,
+                long long lineStep, int count);
+
 // The same pass computed the plain way (no cached plan, no radix codelets); kept beside
 // the fast path so the two can be checked against each other.
 int FftRadixPlain(FftWorkspace* ws, float* Re, float* Im, int nTotal, int nPass, int nSpan,

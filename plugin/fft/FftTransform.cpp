@@ -1,14 +1,19 @@
 #include "fft/FftTransform.h"
 #include "frame/MeanFill.h"
+#include "fft/FftLanes.h"
 #include "frame/RasterAccess.h"
 #include "frame/RunSteps.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sys/mman.h>
+#ifdef __SSE2__
+#include <xmmintrin.h>
+#endif
 
 using namespace OrvDataSource;
 
@@ -63,16 +68,25 @@ float* NewBlockFloats(long long count)
     return static_cast<float*>(p);
 }
 
-// Frees the kernel's scratch when a run ends, whichever way it ends.
-class WorkspaceRelease {
+// The run's lanes, and the kernel's scratch freed when a run ends, whichever way it ends.
+class RunLanes {
 public:
-    explicit WorkspaceRelease(FftWorkspace& ws) : m_ws(ws) {}
-    ~WorkspaceRelease() { FftFreeWorkspace(&m_ws); }
-    WorkspaceRelease(const WorkspaceRelease&) = delete;
-    WorkspaceRelease& operator=(const WorkspaceRelease&) = delete;
+    RunLanes(FftWorkspace& ws, FftLanes*& slot) : m_ws(ws), m_slot(slot), m_lanes(ws, FftLaneCount())
+    {
+        m_slot = &m_lanes;
+    }
+    ~RunLanes()
+    {
+        m_slot = nullptr;
+        FftFreeWorkspace(&m_ws);
+    }
+    RunLanes(const RunLanes&) = delete;
+    RunLanes& operator=(const RunLanes&) = delete;
 
 private:
     FftWorkspace& m_ws;
+    FftLanes*& m_slot;
+    FftLanes m_lanes;
 };
 
 // Rows firstRow .. firstRow + rows - 1 of a 1-based band, as Float32.
@@ -119,14 +133,16 @@ public:
     int FirstRow(int block) const { return m_rows[block].first; }
     int RowsOf(int block) const { return m_rows[block].rows; }
 
-    // Appends the next block with every float 0; false when memory is short.
-    bool AppendZeroed()
+    // Appends the next block; false when memory is short. The real half is left for the caller to
+    // fill whole; the imaginary half is set to 0 when asked, else the caller fills it too.
+    bool Append(bool zeroImaginary)
     {
-        const long long count = 2LL * RowsOf(static_cast<int>(m_blocks.size())) * m_width;
-        BlockBuffer block(NewBlockFloats(count));
+        const long long half = static_cast<long long>(RowsOf(static_cast<int>(m_blocks.size()))) * m_width;
+        BlockBuffer block(NewBlockFloats(2 * half));
         if (!block)
             return false;
-        std::memset(block.get(), 0, static_cast<std::size_t>(count) * sizeof(float));
+        if (zeroImaginary)
+            std::memset(block.get() + half, 0, static_cast<std::size_t>(half) * sizeof(float));
         m_blocks.push_back(std::move(block));
         return true;
     }
@@ -155,28 +171,64 @@ public:
     }
 
 private:
+    // Four rows at a time, so that 4 x 4 tiles move as whole vectors; a group of four rows may
+    // straddle two blocks, hence a pointer per row.
     void CopyColumns(int x0, int n, float* re, float* im, long long stride, bool toBlocks)
     {
-        for (int b = 0; b < static_cast<int>(m_blocks.size()); ++b) {
-            const int first = FirstRow(b);
-            const int rows = RowsOf(b);
-            for (int r = 0; r < rows; ++r) {
-                float* rowRe = Re(b) + static_cast<long long>(r) * m_width + x0;
-                float* rowIm = Im(b) + static_cast<long long>(r) * m_width + x0;
-                float* colRe = re + first + r;
-                float* colIm = im + first + r;
-                if (toBlocks) {
-                    for (int k = 0; k < n; ++k) {
-                        rowRe[k] = colRe[k * stride];
-                        rowIm[k] = colIm[k * stride];
-                    }
-                } else {
-                    for (int k = 0; k < n; ++k) {
-                        colRe[k * stride] = rowRe[k];
-                        colIm[k * stride] = rowIm[k];
-                    }
-                }
+        int y = 0;
+        for (; y + 4 <= m_height; y += 4) {
+            float* rowRe[4];
+            float* rowIm[4];
+            for (int i = 0; i < 4; ++i) {
+                rowRe[i] = ReRow(y + i) + x0;
+                rowIm[i] = ImRow(y + i) + x0;
             }
+            CopyTiles(rowRe, re + y, n, stride, toBlocks);
+            CopyTiles(rowIm, im + y, n, stride, toBlocks);
+        }
+        for (; y < m_height; ++y) {
+            CopyOneRow(ReRow(y) + x0, re + y, n, stride, toBlocks);
+            CopyOneRow(ImRow(y) + x0, im + y, n, stride, toBlocks);
+        }
+    }
+
+    // Columns k of four rows to or from four consecutive entries of column array k.
+    static void CopyTiles(float* const row[4], float* col, int n, long long stride, bool toBlocks)
+    {
+        int k = 0;
+#ifdef __SSE2__
+        for (; k + 4 <= n; k += 4) {
+            float* c = col + k * stride;
+            if (toBlocks) {
+                __m128 a = _mm_loadu_ps(c), b = _mm_loadu_ps(c + stride);
+                __m128 d = _mm_loadu_ps(c + 2 * stride), e = _mm_loadu_ps(c + 3 * stride);
+                _MM_TRANSPOSE4_PS(a, b, d, e);
+                _mm_storeu_ps(row[0] + k, a);
+                _mm_storeu_ps(row[1] + k, b);
+                _mm_storeu_ps(row[2] + k, d);
+                _mm_storeu_ps(row[3] + k, e);
+            } else {
+                __m128 a = _mm_loadu_ps(row[0] + k), b = _mm_loadu_ps(row[1] + k);
+                __m128 d = _mm_loadu_ps(row[2] + k), e = _mm_loadu_ps(row[3] + k);
+                _MM_TRANSPOSE4_PS(a, b, d, e);
+                _mm_storeu_ps(c, a);
+                _mm_storeu_ps(c + stride, b);
+                _mm_storeu_ps(c + 2 * stride, d);
+                _mm_storeu_ps(c + 3 * stride, e);
+            }
+        }
+#endif
+        for (int i = 0; i < 4; ++i)
+            CopyOneRow(row[i] + k, col + k * stride + i, n - k, stride, toBlocks);
+    }
+
+    static void CopyOneRow(float* row, float* col, int n, long long stride, bool toBlocks)
+    {
+        for (int k = 0; k < n; ++k) {
+            if (toBlocks)
+                row[k] = col[k * stride];
+            else
+                col[k * stride] = row[k];
         }
     }
 
@@ -194,6 +246,72 @@ CentreGeometry Centre(const FftBandBlocks& blocks)
 {
     return {blocks.Width(), blocks.Height(), blocks.Width() / 2, blocks.Height() / 2};
 }
+
+// The row pass, one block at a time: a block's rows are transformed on the helper lanes while the
+// caller reads the next block, and the last block on every lane. Each row is transformed by the
+// same code on whichever lane, so the result is the same as one row after another.
+class RowPipeline {
+public:
+    RowPipeline(FftLanes& lanes, FftWorkspace& ws, FftBandBlocks& blocks, int sign, double scaling)
+        : m_lanes(lanes), m_blocks(blocks), m_sign(sign), m_scaling(scaling),
+          m_prepared(FftLinesPrepare(&ws, blocks.Width(), sign) == 0)
+    {
+    }
+    // No helper may outlive the blocks it works on, whichever way the pass ends.
+    ~RowPipeline() { m_lanes.Wait(); }
+    RowPipeline(const RowPipeline&) = delete;
+    RowPipeline& operator=(const RowPipeline&) = delete;
+
+    // False when the kernel failed (it has no text of its own).
+    bool Prepared() const { return m_prepared; }
+    // The block's rows are all in: waits for the block before, then starts this one.
+    bool Filled(int block)
+    {
+        if (!Finish())
+            return false;
+        if (block + 1 == m_blocks.BlockCount())
+            m_lanes.Run(Job(block));
+        else
+            m_lanes.Start(Job(block));
+        return !*m_failed;
+    }
+    // The block's rows on every lane at once, for rows that were all read beforehand.
+    bool TransformNow(int block)
+    {
+        if (!Finish())
+            return false;
+        m_lanes.Run(Job(block));
+        return !*m_failed;
+    }
+    bool Finish()
+    {
+        m_lanes.Wait();
+        return !*m_failed;
+    }
+
+private:
+    FftLanes::Job Job(int block) const
+    {
+        const int width = m_blocks.Width();
+        const int rows = m_blocks.RowsOf(block);
+        float* re = m_blocks.Re(block);
+        float* im = m_blocks.Im(block);
+        return [=, sign = m_sign, scaling = m_scaling, failed = m_failed](FftWorkspace& ws, int share, int shares) {
+            int first, end;
+            LaneShare(rows, share, shares, first, end);
+            const long long offset = static_cast<long long>(first) * width;
+            if (FftLinesRun(&ws, width, sign, scaling, re + offset, im + offset, width, end - first) != 0)
+                *failed = true;
+        };
+    }
+
+    FftLanes& m_lanes;
+    FftBandBlocks& m_blocks;
+    int m_sign;
+    double m_scaling;
+    bool m_prepared;
+    std::shared_ptr<std::atomic<bool>> m_failed = std::make_shared<std::atomic<bool>>(false);
+};
 
 } // namespace
 
@@ -257,7 +375,7 @@ bool TavTransFFTFuncNew::EachBand(int count, OrvDataSource::RasterDataset& in, c
 bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output, const QString& format,
                                     std::vector<int> bands)
 {
-    WorkspaceRelease release(m_workspace);
+    RunLanes lanes(m_workspace, m_lanes);
     RasterPtr in = OpenInput(input);
     if (!in || !CheckBands(bands, in->GetBandCount()))
         return false;
@@ -287,7 +405,7 @@ bool TavTransFFTFuncNew::ForwardRun(const QString& input, const QString& output,
 bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output, int outTypeIndex,
                                     const QString& format)
 {
-    WorkspaceRelease release(m_workspace);
+    RunLanes lanes(m_workspace, m_lanes);
     RasterPtr in = OpenInput(input);
     if (!in)
         return false;
@@ -302,12 +420,12 @@ bool TavTransFFTFuncNew::InverseRun(const QString& input, const QString& output,
         return false;
     return EachBand(outCount, *in, "Inverse FFT Transform is running...",
                     [&](int i, FftBandBlocks& blocks, const auto& pass) {
+                        // Un-centring fills both halves of every row.
                         for (int b = 0; b < blocks.BlockCount(); ++b)
-                            if (!blocks.AppendZeroed())
+                            if (!blocks.Append(false))
                                 return Fail(kContext, "Apply memory Fail!");
                         auto outBand = out->GetRasterBand(i);
-                        return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0)) &&
-                               TransformBlockRows(blocks, -1, 0.0, pass(1)) &&
+                        return UncentreConjugated(*in, 2 * i + 1, blocks, pass(0), pass(1)) &&
                                TransformColumns(blocks, -1, 0.0, pass(2)) &&
                                WriteRealHalves(*outBand, blocks, outType);
                     });
@@ -329,19 +447,23 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
                                               const ProgressPass& pass)
 {
     const int width = blocks.Width();
+    // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
+    RowPipeline rows(*m_lanes, m_workspace, blocks, +1, -1.0);
+    if (!rows.Prepared())
+        return false;
     for (const RowBlock b : blocks.Blocks()) {
         if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
             return LeaveCancelled();
-        if (!blocks.AppendZeroed())
+        // The read fills the real half; the imaginary parts of real pixels are 0.
+        if (!blocks.Append(true))
             return Fail(kContext, "Apply memory Fail!");
         // The host's block cache is small and bounded, so the band is held once, in the blocks.
         if (!ReadFloatRows(in, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
-        // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
-        if (!TransformRowsOf(blocks, b.index, +1, -1.0))
+        if (!rows.Filled(b.index))
             return false;
     }
-    return true;
+    return rows.Finish();
 }
 
 bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFill& fill, FftBandBlocks& blocks,
@@ -353,7 +475,8 @@ bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFil
     for (const RowBlock b : blocks.Blocks()) {
         if (pass.Cancelled())
             return LeaveCancelled();
-        if (!blocks.AppendZeroed())
+        // The read fills the real half, the marks below the imaginary one.
+        if (!blocks.Append(false))
             return Fail(kContext, "Apply memory Fail!");
         if (!ReadFloatRows(in, fill.Band(), b.first, b.rows, width, blocks.Re(b.index)))
             return Fail(kContext, "Failed to read the input file!");
@@ -377,18 +500,32 @@ bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFil
             im[p] = 0.0f;
         }
     }
-    return TransformBlockRows(blocks, +1, -1.0, pass);
+    // +1 with -1 scaling: the positive exponent, divided by W here and by H in the columns.
+    RowPipeline rows(*m_lanes, m_workspace, blocks, +1, -1.0);
+    if (!rows.Prepared())
+        return false;
+    for (const RowBlock b : blocks.Blocks()) {
+        if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
+            return LeaveCancelled();
+        if (!rows.TransformNow(b.index))
+            return false;
+    }
+    return rows.Finish();
 }
 
 bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
-                                            const ProgressPass& pass)
+                                            const ProgressPass& readPass, const ProgressPass& rowPass)
 {
     const auto [width, height, hW, hH] = Centre(blocks);
     const RowPair row(width);
     if (!row)
         return Fail(kContext, "Apply memory Fail!");
+    // -1 without scaling; each block's rows start as soon as the block is read.
+    RowPipeline rows(*m_lanes, m_workspace, blocks, -1, 0.0);
+    if (!rows.Prepared())
+        return false;
     for (int y = 0; y < height; ++y) {
-        if (!pass.PollAndReport(y))
+        if (!readPass.PollAndReport(y))
             return LeaveCancelled();
         const int source = (y + hH) % height;
         if (!ReadFloatRows(in, realBandNumber, source, 1, width, row.re.get()) ||
@@ -401,54 +538,56 @@ bool TavTransFFTFuncNew::UncentreConjugated(RasterDataset& in, int realBandNumbe
         // The conjugate on the way in, so that the -1 passes below pair with the forward run.
         for (int x = 0; x < width; ++x)
             im[x] = -im[x];
-    }
-    return true;
-}
-
-bool TavTransFFTFuncNew::TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
-{
-    for (const RowBlock b : blocks.Blocks()) {
-        if (!pass.PollAndReport(static_cast<long long>(b.first) * blocks.Width()))
-            return LeaveCancelled();
-        if (!TransformRowsOf(blocks, b.index, sign, scaling))
+        if (blocks.IsLastRowOfBlock(y) && !rows.Filled(blocks.Blocks().BlockOfRow(y)))
             return false;
     }
-    return true;
-}
-
-bool TavTransFFTFuncNew::TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling)
-{
-    int width = blocks.Width();
-    float* re = blocks.Re(block);
-    float* im = blocks.Im(block);
-    for (int r = 0; r < blocks.RowsOf(block); ++r) {
-        const long long offset = static_cast<long long>(r) * width;
-        if (FftN(&m_workspace, 1, &width, re + offset, im + offset, sign, scaling) != 0)
-            return false; // a kernel failure has no text of its own
-    }
+    if (!rows.Finish())
+        return false;
+    // The row pass ran alongside the reads; its progress follows them, block by block, as before.
+    for (const RowBlock b : blocks.Blocks())
+        if (!rowPass.PollAndReport(static_cast<long long>(b.first) * width))
+            return LeaveCancelled();
     return true;
 }
 
 bool TavTransFFTFuncNew::TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass)
 {
     const int width = blocks.Width();
-    int height = blocks.Height();
+    const int height = blocks.Height();
+    const int lanes = m_lanes->Count();
     const int batch = std::min(kColumnBatch, width);
     const long long stride = ColumnStride(height);
-    auto re = NewSamples<float>(batch * stride);
-    auto im = NewSamples<float>(batch * stride);
+    // Each lane gathers its own batch of columns.
+    auto re = NewSamples<float>(lanes * batch * stride);
+    auto im = NewSamples<float>(lanes * batch * stride);
     if (!re || !im)
         return Fail(kContext, "Apply memory Fail!");
-    for (int x0 = 0; x0 < width; x0 += batch) {
-        const int n = std::min(batch, width - x0);
-        blocks.GatherColumns(x0, n, re.get(), im.get(), stride);
-        for (int k = 0; k < n; ++k) {
-            if (!pass.PollAndReport(x0 + k))
+    if (FftLinesPrepare(&m_workspace, height, sign) != 0)
+        return false; // a kernel failure has no text of its own
+    std::atomic<bool> failed{false};
+    const int round = lanes * batch;
+    for (int x0 = 0; x0 < width; x0 += round) {
+        const int end = std::min(width, x0 + round);
+        // Every column is polled and reported in order, as one lane would, before the round runs.
+        for (int x = x0; x < end; ++x)
+            if (!pass.PollAndReport(x))
                 return LeaveCancelled();
-            if (FftN(&m_workspace, 1, &height, re.get() + k * stride, im.get() + k * stride, sign, scaling) != 0)
-                return false; // a kernel failure has no text of its own
-        }
-        blocks.ScatterColumns(x0, n, re.get(), im.get(), stride);
+        m_lanes->Run([&](FftWorkspace& ws, int share, int) {
+            const int first = x0 + share * batch;
+            const int n = std::min(batch, end - first);
+            if (n <= 0)
+                return;
+            float* laneRe = re.get() + share * batch * stride;
+            float* laneIm = im.get() + share * batch * stride;
+            blocks.GatherColumns(first, n, laneRe, laneIm, stride);
+            if (FftLinesRun(&ws, height, sign, scaling, laneRe, laneIm, stride, n) != 0) {
+                failed = true;
+                return;
+            }
+            blocks.ScatterColumns(first, n, laneRe, laneIm, stride);
+        });
+        if (failed)
+            return false;
     }
     return true;
 }

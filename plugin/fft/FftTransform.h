@@ -1,5 +1,6 @@
 #pragma once
 #include "fft/FftKernel.h"
+#include "fft/FftLanes.h"
 #include "frame/RunSteps.h"
 #include "frame/MaskRecords.h"
 #include "frame/TransWorker.h"
@@ -49,10 +50,9 @@ private:
     // The masked band's rows: all read and surveyed first, then filled and transformed.
     bool ReadFillAndTransformRows(OrvDataSource::RasterDataset& in, BandMeanFill& fill, FftBandBlocks& blocks,
                                   const ProgressPass& pass);
+    // Reads and un-centres the rows (readPass), transforming each block's rows meanwhile (rowPass).
     bool UncentreConjugated(OrvDataSource::RasterDataset& in, int realBandNumber, FftBandBlocks& blocks,
-                            const ProgressPass& pass);
-    bool TransformBlockRows(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
-    bool TransformRowsOf(FftBandBlocks& blocks, int block, int sign, double scaling);
+                            const ProgressPass& readPass, const ProgressPass& rowPass);
     bool TransformColumns(FftBandBlocks& blocks, int sign, double scaling, const ProgressPass& pass);
     bool WriteCentred(OrvDataSource::RasterDataset& out, int firstBand, FftBandBlocks& blocks, const ProgressPass& pass);
     bool WriteRealHalves(OrvDataSource::RasterBand& band, FftBandBlocks& blocks, int declaredType);
@@ -61,4 +61,5 @@ private:
     stMaskInfo m_mask;
     bool m_useMask = false;
     std::vector<stBandFill> m_filled;
+    FftLanes* m_lanes = nullptr; // the run's threads, while a run is under way
 };

@@ -7,8 +7,10 @@
 #include <complex>
 #include <map>
 #include <numeric>
+#include <ostream>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -400,6 +402,94 @@ TEST(FftKernel, WorkspaceGrowsOnDemandAndIsReused)
     EXPECT_EQ(w.ws.spaceAllocated, 100 * static_cast<int>(sizeof(float)));
     FftFreeWorkspace(&w.ws);
     expectEmpty(w.ws);
+}
+
+// ---------------------------------------------------------------------------------------
+// Many lines of one length, prepared once and run on several workspaces at once, each line
+// against the long-double DFT with FftN's scaling; the image runs split their rows and columns so.
+
+struct LinesCase {
+    friend void PrintTo(const LinesCase& c, std::ostream* os) { *os << "n" << c.n << " x " << c.count; }
+    int n;
+    int count;
+    int step;        // floats between line starts, at least n
+    double scaling;  // as FftN takes it
+    long double divisor;
+};
+
+class Lines : public testing::TestWithParam<LinesCase> {};
+
+TEST_P(Lines, EachLineMatchesLongDoubleDftOnAnyNumberOfThreads)
+{
+    const LinesCase c = GetParam();
+    const Data before = randomData(static_cast<std::size_t>(c.step) * c.count, 500u + c.n);
+    for (const int sign : {-1, 1}) {
+        std::vector<std::vector<LComplex>> wants;
+        for (int line = 0; line < c.count; ++line) {
+            const std::size_t at = static_cast<std::size_t>(line) * c.step;
+            Data one{{before.re.begin() + at, before.re.begin() + at + c.n},
+                     {before.im.begin() + at, before.im.begin() + at + c.n}};
+            wants.push_back(naiveDft(toComplex(one), {c.n}, sign));
+        }
+        for (const int threads : {1, 2, 3}) {
+            Data d = before;
+            WorkspaceOwner main;
+            ASSERT_EQ(FftLinesPrepare(&main.ws, c.n, sign), 0);
+            std::vector<WorkspaceOwner> own(threads);
+            std::vector<std::thread> pool;
+            std::vector<int> status(threads, -2);
+            for (int t = 0; t < threads; ++t) {
+                const int first = c.count * t / threads, end = c.count * (t + 1) / threads;
+                pool.emplace_back([&, t, first, end] {
+                    status[t] = FftLinesRun(&own[t].ws, c.n, sign, c.scaling, d.re.data() + first * c.step,
+                                            d.im.data() + first * c.step, c.step, end - first);
+                });
+            }
+            for (std::thread& th : pool) th.join();
+            for (int t = 0; t < threads; ++t) ASSERT_EQ(status[t], 0) << "thread " << t;
+            for (int line = 0; line < c.count; ++line) {
+                const std::size_t at = static_cast<std::size_t>(line) * c.step;
+                EXPECT_LT(relativeError(d.re.data() + at, d.im.data() + at, 1, wants[line], c.divisor),
+                          errorBound(c.n))
+                    << "n=" << c.n << " line " << line << " threads " << threads;
+                // The gap between lines is left alone.
+                for (std::size_t g = at + c.n; g < at + c.step; ++g)
+                    ASSERT_EQ(d.re[g], before.re[g]);
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, Lines,
+                         testing::Values(LinesCase{1, 3, 1, -1.0, 1.0L}, LinesCase{2, 5, 2, 0.0, 1.0L},
+                                         LinesCase{12, 7, 16, -1.0, 12.0L}, LinesCase{97, 4, 112, -2.0, std::sqrt(97.0L)},
+                                         LinesCase{1031, 3, 1031, 4.0, 4.0L}, LinesCase{4000, 3, 4016, -1.0, 4000.0L},
+                                         LinesCase{360, 2, 360, 1.0, 1.0L}),
+                         [](const auto& info) {
+                             std::string name = "n";
+                             name += std::to_string(info.param.n);
+                             return name;
+                         });
+
+// Lines of a bad length or sign fail like FftN: -1 and an empty workspace; no lines is no work.
+TEST(FftKernel, LinesRefuseBadArgumentsAndEmptyTheWorkspace)
+{
+    Data d = randomData(64, 3u);
+    for (const auto& [n, sign] : {std::pair{0, -1}, {-5, 1}, {8, 2}, {8, 0}, {1 << 23, -1}}) {
+        WorkspaceOwner w;
+        ASSERT_EQ(FftN(&w.ws, 8, nullptr, d.re.data(), d.im.data(), -1, 0.0), 0);
+        EXPECT_EQ(FftLinesPrepare(&w.ws, n, sign), -1) << n << " " << sign;
+        expectEmpty(w.ws);
+        if (n < 1 || sign == 0 || sign == 2) {
+            ASSERT_EQ(FftN(&w.ws, 8, nullptr, d.re.data(), d.im.data(), -1, 0.0), 0);
+            EXPECT_EQ(FftLinesRun(&w.ws, n, sign, -1.0, d.re.data(), d.im.data(), 8, 1), -1);
+            expectEmpty(w.ws);
+        }
+    }
+    WorkspaceOwner w;
+    EXPECT_EQ(FftLinesRun(&w.ws, 8, -1, -1.0, d.re.data(), d.im.data(), 8, 0), 0);
+    EXPECT_EQ(FftLinesPrepare(nullptr, 8, -1), -1);
+    EXPECT_EQ(FftLinesRun(nullptr, 8, -1, -1.0, d.re.data(), d.im.data(), 8, 1), -1);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // the inverse against the direct conjugate sum, round trips, progress, cancellation, refusals.
 #include "AlgoHarness.h"
 #include "TestSupport.h"
+#include "fft/FftLanes.h"
 #include "fft/FftTransform.h"
 
 #include <gtest/gtest.h>
@@ -218,12 +219,76 @@ INSTANTIATE_TEST_SUITE_P(Sizes, InverseImage,
                                            InverseCase{"ThirtyFiveByFour", 35, 4, 2}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// 65536 columns leave 16 rows per 4 MiB block, so 37 rows make blocks of 16, 16 and 5 rows.
-// A point of value W H at (x0, y0) has the unit spectrum exp(+2 pi i (u x0 / W + v y0 / H)).
-TEST(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
+// ---------------------------------------------------------------------------------------------
+// Rows and columns are shared among threads (lanes); the output is the same on any number of them.
+
+// Sets the lanes of the runs in a scope, then back to the default.
+struct LanesFor {
+    explicit LanesFor(int lanes) { SetFftLanes(lanes); }
+    ~LanesFor() { SetFftLanes(0); }
+};
+
+struct LanesCase {
+    const char* name;
+    friend void PrintTo(const LanesCase& c, std::ostream* os) { *os << c.name; }
+    int width, height;
+};
+
+class Lanes : public ::testing::TestWithParam<LanesCase> {};
+
+TEST_P(Lanes, GiveTheSameBitsOnAnyNumberAndMatchTheDirectDft)
 {
-    const int w = 65536, hgt = 37, x0 = 12345, y0 = 34;
+    const LanesCase c = GetParam();
+    TempDir dir;
+    const std::string in = WriteImage(dir, "in.tif", c.width, c.height, 1, GDT_Byte, Pixel);
+    const Plane want = CentredSpectrum(0, c.width, c.height);
+    std::vector<double> firstRe, firstIm, firstBack;
+    for (const int lanes : {1, 2, 3, 5}) {
+        LanesFor scope(lanes);
+        AlgoHarness h;
+        const std::string out = dir.file("out" + std::to_string(lanes) + ".tif");
+        const std::string back = dir.file("back" + std::to_string(lanes) + ".tif");
+        ASSERT_TRUE(h.Run(ForwardRecord(in, out, {1}))) << h.Text().toStdString();
+        ASSERT_TRUE(h.Run(InverseRecord(out, back, 5))) << h.Text().toStdString();
+        const auto re = tavtest::ReadBand(out, 1), im = tavtest::ReadBand(out, 2), b = tavtest::ReadBand(back, 1);
+        EXPECT_LT(MaxAbsDifference(re, want.re), 2e-3) << lanes << " lanes";
+        EXPECT_LT(MaxAbsDifference(im, want.im), 2e-3) << lanes << " lanes";
+        if (firstRe.empty()) {
+            firstRe = re;
+            firstIm = im;
+            firstBack = b;
+            continue;
+        }
+        EXPECT_EQ(re, firstRe) << lanes << " lanes against one";
+        EXPECT_EQ(im, firstIm) << lanes << " lanes against one";
+        EXPECT_EQ(b, firstBack) << lanes << " lanes against one";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, Lanes,
+    ::testing::Values(LanesCase{"OneByNine", 1, 9}, LanesCase{"NineByOne", 9, 1},
+                      // fewer rows than lanes
+                      LanesCase{"FiveByThree", 5, 3}, LanesCase{"SixtySevenByTwo", 67, 2},
+                      // a prime above the direct stages, three rounds of column batches on two lanes
+                      LanesCase{"OneThirtyOneBySeven", 131, 7}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct PointCase {
+    const char* name;
+    friend void PrintTo(const PointCase& c, std::ostream* os) { *os << c.name; }
+    int width, height, x0, y0, lanes;
+};
+
+class RowBlocks : public ::testing::TestWithParam<PointCase> {};
+
+// A point of value W H at (x0, y0) has the unit spectrum exp(+2 pi i (u x0 / W + v y0 / H)).
+TEST_P(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
+{
+    const PointCase c = GetParam();
+    const int w = c.width, hgt = c.height, x0 = c.x0, y0 = c.y0;
     const double v = static_cast<double>(w) * hgt;
+    LanesFor scope(c.lanes);
     TempDir dir;
     const std::string in = WriteImage(dir, "point.tif", w, hgt, 1, GDT_Float32,
                                       [&](int, int x, int y) { return x == x0 && y == y0 ? v : 0.0; });
@@ -252,6 +317,14 @@ TEST(RowBlocks, APointAcrossThreeBlocksTransformsAndReturnsReflected)
             rest = std::max(rest, std::abs(back[i]));
     EXPECT_LT(rest, 1e-5 * v);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Blocks, RowBlocks,
+    // 65536 columns leave 16 rows per 4 MiB block, so 37 rows make blocks of 16, 16 and 5 rows;
+    // 80659 columns leave 13, so groups of four rows straddle the blocks.
+    ::testing::Values(PointCase{"SixteenSixteenFive", 65536, 37, 12345, 34, 0},
+                      PointCase{"ThirteenThirteenFourOnThreeLanes", 80659, 30, 80001, 13, 3}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------------------------
 // The declared output type of the inverse: the float samples are written under it as they are.
