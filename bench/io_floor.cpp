@@ -6,6 +6,9 @@
 // -passes N reads the input N - 1 times before the copy, as a run with statistics passes does;
 // -inbands K reads only bands 1..K (a run on chosen bands); -co creates the output with those
 // options, as tavtransform's -co does.
+//   tav-io-floor -rowbytes INPUT
+// prints the bytes of cache one row of INPUT's blocks takes (twice that where its blocks fall
+// between its rows), for the memory target.
 #include "OrvDataSource/BlockCache.h"
 
 #include <cpl_string.h>
@@ -56,6 +59,16 @@ bool ReadByRows(GDALDataset* in, int w, int h, int nin)
 
 int main(int argc, char** argv)
 {
+    if (argc == 3 && std::strcmp(argv[1], "-rowbytes") == 0) {
+        GDALAllRegister();
+        GDALDataset* ds = GDALDataset::Open(argv[2], GDAL_OF_RASTER | GDAL_OF_READONLY);
+        if (!ds)
+            return 1;
+        const auto rows = OrvDataSource::BlockCache::RowsOfBlocks(ds);
+        std::printf("%lld\n", rows.bytes * (rows.exact ? 1 : 2));
+        GDALClose(ds);
+        return 0;
+    }
     if (argc < 4) {
         std::fprintf(stderr, "Usage: tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands] [-passes N] [-inbands K] [-co NAME=VALUE]...\n");
         return 2;

@@ -341,6 +341,10 @@ py::kwargs WithArrayScales(const std::string& path, const py::kwargs& options)
 // One run on an array: input and output live in a private /vsimem folder, removed on every path.
 py::array RunOnArray(const std::string& command, const py::array& array, const py::kwargs& options)
 {
+    // Its output lives in memory only as long as the call: creation options would shape nothing.
+    if (options.contains("co") && !options["co"].is_none())
+        throw py::value_error("co= sets how an output file is stored, and an array helper keeps no file: "
+                              "use tavtransform.run() with an output path for that");
     static std::atomic<int> serial{0};
     GDALAllRegister();
     const std::string dir = "/vsimem/tavtransform-" + std::to_string(serial++);

@@ -209,7 +209,10 @@ class Runs(unittest.TestCase):
         tavtransform.run("pca", path(scene), path(out), stats=path(stats), center="yes")
         tavtransform.run("pca-inverse", path(out), self.path("back.tif"), stats=path(stats))
         np.testing.assert_allclose(read(self.path("back.tif"))[0], values, rtol=1e-5, atol=1e-2)
-        for bad, message in [(np.zeros((2, 3, 4), np.complex64), "complex arrays"), (values, "PNG cannot hold")]:
-            with self.assertRaises(ValueError) as caught:
-                tavtransform.kt(bad, of="PNG") if bad is values else tavtransform.fft(bad)
+        for helper, bad, options, message in [(tavtransform.fft, np.zeros((2, 3, 4), np.complex64), {}, "complex arrays"),
+                                              (tavtransform.kt, values, {"of": "PNG"}, "PNG cannot hold"),
+                                              (tavtransform.dwt, values, {"co": ["COMPRESS=DEFLATE"]}, "keeps no file")]:
+            with self.subTest(message), self.assertRaises(ValueError) as caught:
+                helper(bad, **options)
             self.assertIn(message, str(caught.exception))
+        self.assertFalse(gdal.ReadDirRecursive("/vsimem/"))

@@ -5,6 +5,8 @@
 #include <gdal_priv.h>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <map>
 #include <mutex>
 
@@ -34,26 +36,68 @@ long long BandRowBytes(GDALRasterBand* band)
     return across * bw * bh * GDALGetDataTypeSizeBytes(band->GetRasterDataType());
 }
 
-// A VRT stacks other files; their blocks are the ones read. Zero when none of them opens.
-long long SourcesRowBytes(GDALDataset* vrt, int depth)
+void AddEdge(BlockRowEdges& rows, long long offset, long long height)
+{
+    height = std::max(1LL, height);
+    offset %= height;
+    if (offset < 0)
+        offset += height;
+    for (const auto& e : rows.edges)
+        if (e.offset == offset && e.height == height)
+            return;
+    rows.edges.push_back({offset, height});
+}
+
+// The blocks of `ds`'s bands, whose rows are `scale` rows of the raster counted, its first row at
+// row `shift` of it.
+void AddBands(BlockRowEdges& rows, GDALDataset* ds, double scale, double shift)
+{
+    for (int b = 1; b <= ds->GetRasterCount(); ++b) {
+        GDALRasterBand* band = ds->GetRasterBand(b);
+        int bw = 0, bh = 0;
+        band->GetBlockSize(&bw, &bh);
+        if (bw < 1 || bh < 1)
+            continue;
+        rows.bytes += BandRowBytes(band);
+        const double height = bh * scale;
+        const long long h = std::llround(height), at = std::llround(shift);
+        if (std::fabs(height - static_cast<double>(h)) > 1e-6 || std::fabs(shift - static_cast<double>(at)) > 1e-6 ||
+            h < 1)
+            rows.exact = false;
+        AddEdge(rows, at, h);
+    }
+}
+
+// A VRT stacks other files; their blocks are the ones read, placed on the VRT's rows by their
+// geo-transforms (by their heights where there are none). Nothing when none of them opens.
+void AddSources(BlockRowEdges& rows, GDALDataset* vrt, int depth)
 {
     char** files = vrt->GetFileList();
-    long long sum = 0;
+    double vgt[6];
+    const bool placed = vrt->GetGeoTransform(vgt) == CE_None && vgt[5] != 0;
     CPLPushErrorHandler(CPLQuietErrorHandler);
     // The first entry is the VRT itself.
     for (int i = 1; files && files[i]; ++i) {
         GDALDataset* src = GDALDataset::Open(files[i], GDAL_OF_RASTER | GDAL_OF_READONLY);
         if (!src)
             continue;
-        sum += depth < 2 && EQUAL(src->GetDriverName(), "VRT") ? SourcesRowBytes(src, depth + 1) : 0;
-        if (!EQUAL(src->GetDriverName(), "VRT"))
-            for (int b = 1; b <= src->GetRasterCount(); ++b)
-                sum += BandRowBytes(src->GetRasterBand(b));
+        if (EQUAL(src->GetDriverName(), "VRT")) {
+            // A stack of stacks is counted, not followed.
+            if (depth < 2) {
+                AddSources(rows, src, depth + 1);
+                rows.exact = false;
+            }
+        } else {
+            double sgt[6];
+            if (placed && src->GetGeoTransform(sgt) == CE_None)
+                AddBands(rows, src, sgt[5] / vgt[5], (sgt[3] - vgt[3]) / vgt[5]);
+            else
+                AddBands(rows, src, static_cast<double>(vrt->GetRasterYSize()) / std::max(1, src->GetRasterYSize()), 0);
+        }
         GDALClose(GDALDataset::ToHandle(src));
     }
     CPLPopErrorHandler();
     CSLDestroy(files);
-    return sum;
 }
 
 void Apply()
@@ -66,22 +110,37 @@ void Apply()
 
 } // namespace
 
-long long BlockCache::RowOfBlocksBytes(GDALDataset* ds)
+long long BlockRowEdges::After(long long row) const
 {
-    if (!ds)
-        return 0;
-    if (ds->GetDriver() && EQUAL(ds->GetDriverName(), "VRT"))
-        if (const long long sources = SourcesRowBytes(ds, 0); sources > 0)
-            return sources;
-    long long sum = 0;
-    for (int b = 1; b <= ds->GetRasterCount(); ++b)
-        sum += BandRowBytes(ds->GetRasterBand(b));
-    return sum;
+    long long next = std::numeric_limits<long long>::max();
+    for (const auto& e : edges) {
+        const long long d = row - e.offset;
+        const long long k = d >= 0 ? d / e.height : -((-d + e.height - 1) / e.height);
+        next = std::min(next, e.offset + (k + 1) * e.height);
+    }
+    return next;
 }
 
-void BlockCache::Hold(const void* key, GDALDataset* ds, int rows)
+BlockRowEdges BlockCache::RowsOfBlocks(GDALDataset* ds)
 {
-    const long long bytes = RowOfBlocksBytes(ds) * std::max(rows, 1);
+    BlockRowEdges rows;
+    if (!ds)
+        return rows;
+    if (ds->GetDriver() && EQUAL(ds->GetDriverName(), "VRT")) {
+        AddSources(rows, ds, 0);
+        if (rows.bytes > 0)
+            return rows;
+        rows = {};
+    }
+    AddBands(rows, ds, 1, 0);
+    return rows;
+}
+
+long long BlockCache::RowOfBlocksBytes(GDALDataset* ds) { return RowsOfBlocks(ds).bytes; }
+
+void BlockCache::Hold(const void* key, const BlockRowEdges& rows)
+{
+    const long long bytes = rows.bytes * (rows.exact ? kRowsHeld : 2);
     {
         std::lock_guard<std::mutex> lock(Lock());
         Held()[key] = bytes;

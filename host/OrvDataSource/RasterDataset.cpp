@@ -93,9 +93,10 @@ void WarnOfNoDataLost(GDALDataset& src, const QString& target, const QString& fo
 
 } // namespace
 
-RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path) : Dataset(poDS, path)
+RasterDataset::RasterDataset(GDALDataset* poDS, const QString& path)
+    : Dataset(poDS, path), m_blockRows(BlockCache::RowsOfBlocks(poDS))
 {
-    BlockCache::Hold(this, poDS);
+    BlockCache::Hold(this, m_blockRows);
 }
 
 RasterDataset::~RasterDataset()
@@ -222,35 +223,43 @@ bool RasterDataset::RasterIO(bool write, int x, int y, int w, int h, void* data,
     const GDALDataType eType = ToGDALType(type);
     if (eType == GDT_Unknown || !data || bandCount < 1 || !bands)
         return false;
-    if (write && bufW == w && bufH == h)
-        return WriteByBlockRows(x, y, w, h, static_cast<std::byte*>(data), eType, bandCount, bands, pixelSpace,
-                                lineSpace, bandSpace);
+    if (bufW == w && bufH == h && (write || (h > 1 && !m_blockRows.edges.empty())))
+        return ByBlockRows(write, x, y, w, h, static_cast<std::byte*>(data), eType, bandCount, bands, pixelSpace,
+                           lineSpace, bandSpace);
     return RecordIO(m_poDS->RasterIO(write ? GF_Write : GF_Read, x, y, w, h, data, bufW, bufH, eType, bandCount,
                                      const_cast<int*>(bands), pixelSpace, lineSpace, bandSpace, nullptr) == CE_None,
                     write, GetOutputPath());
 }
 
-// A write in whole rows of output blocks, about 1 MiB or one row of blocks at a time, each finished
-// row going to the file before the next is filled: a large write never floods the cache and pushes
-// out the input's blocks, and small strips are not written one call each.
-bool RasterDataset::WriteByBlockRows(int x, int y, int w, int h, std::byte* data, int type,
-                                     int bandCount, const int* bands, long long pixelSpace, long long lineSpace,
-                                     long long bandSpace)
+// The window in pieces that end where rows of blocks begin, so each row of blocks is decoded, used
+// up and dropped before the next one comes, and a write compresses each block once. Rows of small
+// blocks go about 1 MiB at a time, so that strips are not moved one call each. Writes follow the
+// output's first band written and go to the file a finished row at a time: a large write never
+// floods the cache and pushes out the input's blocks.
+bool RasterDataset::ByBlockRows(bool write, int x, int y, int w, int h, std::byte* data, int type,
+                                int bandCount, const int* bands, long long pixelSpace, long long lineSpace,
+                                long long bandSpace)
 {
     const auto eType = static_cast<GDALDataType>(type);
-    int bw = 0, bh = 0;
-    m_poDS->GetRasterBand(bands[0])->GetBlockSize(&bw, &bh);
     const long long pixel = pixelSpace ? pixelSpace : GDALGetDataTypeSizeBytes(eType);
     const long long line = lineSpace ? lineSpace : pixel * w;
     const long long band = bandSpace ? bandSpace : line * h;
-    const long long rowBytes = static_cast<long long>(w) * bandCount * GDALGetDataTypeSizeBytes(eType);
-    const int step = bh < 1 ? h : bh * static_cast<int>(std::max(1LL, (1LL << 20) / std::max(1LL, rowBytes * bh)));
+    BlockRowEdges pieces = m_blockRows;
+    if (write) {
+        int bw = 0, bh = 0;
+        m_poDS->GetRasterBand(bands[0])->GetBlockSize(&bw, &bh);
+        const long long rowBytes = static_cast<long long>(w) * bandCount * GDALGetDataTypeSizeBytes(eType);
+        pieces.edges = {{0, bh < 1 ? h : bh * std::max(1LL, (1LL << 20) / std::max(1LL, rowBytes * bh))}};
+    } else if (pieces.edges.size() == 1) {
+        pieces.edges[0].height *= std::max(1LL, (1LL << 20) / std::max(1LL, pieces.bytes));
+    }
     for (int top = y; top < y + h;) {
-        const int rows = std::min(y + h, (top / step + 1) * step) - top;
-        if (!RecordIO(m_poDS->RasterIO(GF_Write, x, top, w, rows, data + (top - y) * line, w, rows, eType, bandCount,
-                                       const_cast<int*>(bands), pixel, line, band, nullptr) == CE_None,
-                      true, GetOutputPath()) ||
-            !NoteWritten(x, top, w, rows, bandCount))
+        const int rows = static_cast<int>(std::min<long long>(y + h, pieces.After(top)) - top);
+        if (!RecordIO(m_poDS->RasterIO(write ? GF_Write : GF_Read, x, top, w, rows, data + (top - y) * line, w, rows,
+                                       eType, bandCount, const_cast<int*>(bands), pixel, line, band,
+                                       nullptr) == CE_None,
+                      write, GetOutputPath()) ||
+            (write && !NoteWritten(x, top, w, rows, bandCount)))
             return false;
         top += rows;
     }

@@ -55,8 +55,8 @@ public:
 
 private:
     void CopyToTarget();
-    bool WriteByBlockRows(int x, int y, int w, int h, std::byte* data, int eType, int bandCount,
-                          const int* bands, long long pixelSpace, long long lineSpace, long long bandSpace);
+    bool ByBlockRows(bool write, int x, int y, int w, int h, std::byte* data, int eType, int bandCount,
+                     const int* bands, long long pixelSpace, long long lineSpace, long long bandSpace);
     bool RasterIO(bool write, int x, int y, int w, int h, void* data, int bufW, int bufH,
                   PixelDataType type, int bandCount, const int* bands,
                   long long pixelSpace, long long lineSpace, long long bandSpace);
@@ -65,6 +65,7 @@ private:
     QString m_strCopyDriver;
     QStringList m_copyOptions;
     FinishedBlocks m_finished;
+    BlockRowEdges m_blockRows;
 };
 
 } // namespace OrvDataSource

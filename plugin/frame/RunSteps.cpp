@@ -52,9 +52,11 @@ bool ReadBandRows(RasterDataset& in, int x0, int cols, int y, int rows, const Ba
 {
     const int n = static_cast<int>(bands.size());
     const long long bytes = BytesPerSample(type);
-    const PixelMajor space = order == SampleOrder::PixelMajor
-                                 ? PixelMajorSpacing(n, cols, static_cast<int>(bytes))
-                                 : PixelMajor{bytes, cols * bytes, static_cast<long long>(rows) * cols * bytes};
+    PixelMajor space{bytes, cols * bytes, static_cast<long long>(rows) * cols * bytes};
+    if (order == SampleOrder::PixelMajor)
+        space = PixelMajorSpacing(n, cols, static_cast<int>(bytes));
+    else if (order == SampleOrder::BandsByLine)
+        space = {bytes, n * cols * bytes, cols * bytes};
     return in.ReadRasterInto(x0, y, cols, rows, buffer, cols, rows, static_cast<PixelDataType>(type), n, bands.data(),
                              space.pixel, space.line, space.band);
 }

@@ -151,6 +151,7 @@ inline PixelMajor PixelMajorSpacing(int n, int width, int bytes)
 enum class SampleOrder {
     PixelMajor,    // the bands of a pixel side by side
     BandAfterBand, // all rows of one band, then the next: GDAL's cheapest way out of any file
+    BandsByLine,   // a row of each band in turn, then the next row of each
 };
 
 // Rows [y, y + rows) of columns [x0, x0 + cols) of `bands` into `buffer`, converted to `type`; the

@@ -117,9 +117,8 @@ public:
     // Rows y .. y + rows - 1 of the window's columns into slots from `slot`; GDAL converts to Float32.
     bool Read(RasterDataset* ds, int x, int y, std::size_t rows, std::size_t slot, const BandNumbers& bands) const
     {
-        return ds->ReadRasterInto(x, y, static_cast<int>(m_width), static_cast<int>(rows), Row(slot, 0),
-                                  static_cast<int>(m_width), static_cast<int>(rows), PDT_Float32,
-                                  static_cast<int>(bands.size()), bands.data(), kFloat, LineBytes(), BandBytes());
+        return ReadBandRows(*ds, x, static_cast<int>(m_width), y, static_cast<int>(rows), bands, PDT_Float32,
+                            Row(slot, 0), SampleOrder::BandsByLine);
     }
     // Slots from `slot` to rows y .. y + rows - 1; GDAL converts to the file's type.
     void Write(RasterDataset* ds, int y, std::size_t rows, std::size_t slot, const BandNumbers& bands) const
