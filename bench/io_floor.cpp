@@ -1,7 +1,7 @@
 // tav-io-floor: the I/O floor of a whole-raster transform. Reads every band of INPUT and writes
 // OUTBANDS Float32 bands of the same size through GDAL, with no arithmetic.
 //   tav-io-floor INPUT OUTPUT OUTBANDS [rows|bands] [-passes N] [-inbands K] [-co NAME=VALUE]...
-// "rows" (the default) moves all bands a row at a time; "bands" moves each band whole, one after
+// "rows" (the default) moves all bands a row of the input's blocks at a time; "bands" moves each band whole, one after
 // another, for scale: on pixel-interleaved files that order reads and rewrites every block per band.
 // -passes N reads the input N - 1 times before the copy, as a run with statistics passes does;
 // -inbands K reads only bands 1..K (a run on chosen bands); -co creates the output with those
@@ -14,6 +14,7 @@
 #include <cpl_string.h>
 #include <gdal_priv.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,15 +22,49 @@
 
 namespace {
 
+// Windows of whole rows of the input's blocks (small strips taken together up to about 1 MiB), as
+// the host's reads are cut, so that the floor decodes each block once as the runs do.
+class Windows {
+public:
+    Windows(GDALDataset* in, int w, int h, int nin)
+        : m_edges(OrvDataSource::BlockCache::RowsOfBlocks(in)), m_h(h),
+          m_rowBytes(static_cast<long long>(w) * nin * sizeof(float))
+    {
+    }
+    // Rows of the window that starts at y.
+    int From(int y) const
+    {
+        long long end = y;
+        do
+            end = m_edges.edges.empty() ? y + 1 : std::min<long long>(m_edges.After(end), m_h);
+        while (end < m_h && (end - y) * m_rowBytes < (1 << 20));
+        return static_cast<int>(std::max<long long>(end - y, 1));
+    }
+    int MaxRows() const
+    {
+        int most = 1;
+        for (int y = 0; y < m_h; y += From(y))
+            most = std::max(most, From(y));
+        return most;
+    }
+
+private:
+    OrvDataSource::BlockRowEdges m_edges;
+    int m_h;
+    long long m_rowBytes;
+};
+
 bool CopyByRows(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
 {
-    std::vector<float> row(static_cast<size_t>(w) * nin);
-    for (int y = 0; y < h; ++y) {
-        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+    const Windows windows(in, w, h, nin);
+    std::vector<float> rows(static_cast<size_t>(w) * nin * windows.MaxRows());
+    for (int y = 0, n = 0; y < h; y += n) {
+        n = windows.From(y);
+        if (in->RasterIO(GF_Read, 0, y, w, n, rows.data(), w, n, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
             return false;
         for (int b = 0; b < nout; ++b)
-            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, 1, row.data() + static_cast<size_t>(b % nin) * w,
-                                                    w, 1, GDT_Float32, 0, 0, nullptr) != CE_None)
+            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, n, rows.data() + static_cast<size_t>(b % nin) * w * n,
+                                                    w, n, GDT_Float32, 0, 0, nullptr) != CE_None)
                 return false;
     }
     return true;
@@ -48,10 +83,13 @@ bool CopyByBands(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int n
 
 bool ReadByRows(GDALDataset* in, int w, int h, int nin)
 {
-    std::vector<float> row(static_cast<size_t>(w) * nin);
-    for (int y = 0; y < h; ++y)
-        if (in->RasterIO(GF_Read, 0, y, w, 1, row.data(), w, 1, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+    const Windows windows(in, w, h, nin);
+    std::vector<float> rows(static_cast<size_t>(w) * nin * windows.MaxRows());
+    for (int y = 0, n = 0; y < h; y += n) {
+        n = windows.From(y);
+        if (in->RasterIO(GF_Read, 0, y, w, n, rows.data(), w, n, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
             return false;
+    }
     return true;
 }
 
