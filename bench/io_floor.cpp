@@ -54,20 +54,30 @@ private:
     long long m_rowBytes;
 };
 
-bool CopyByRows(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
+// Reads windows of all `nin` bands, band after band in the buffer, and hands each to `use`.
+template <class Use>
+bool EachWindow(GDALDataset* in, int w, int h, int nin, Use&& use)
 {
     const Windows windows(in, w, h, nin);
     std::vector<float> rows(static_cast<size_t>(w) * nin * windows.MaxRows());
     for (int y = 0, n = 0; y < h; y += n) {
         n = windows.From(y);
-        if (in->RasterIO(GF_Read, 0, y, w, n, rows.data(), w, n, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
+        if (in->RasterIO(GF_Read, 0, y, w, n, rows.data(), w, n, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None ||
+            !use(y, n, rows.data()))
             return false;
-        for (int b = 0; b < nout; ++b)
-            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, n, rows.data() + static_cast<size_t>(b % nin) * w * n,
-                                                    w, n, GDT_Float32, 0, 0, nullptr) != CE_None)
-                return false;
     }
     return true;
+}
+
+bool CopyByRows(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
+{
+    return EachWindow(in, w, h, nin, [&](int y, int n, float* rows) {
+        for (int b = 0; b < nout; ++b)
+            if (out->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, y, w, n, rows + static_cast<size_t>(b % nin) * w * n, w, n,
+                                                    GDT_Float32, 0, 0, nullptr) != CE_None)
+                return false;
+        return true;
+    });
 }
 
 bool CopyByBands(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int nout)
@@ -83,14 +93,7 @@ bool CopyByBands(GDALDataset* in, GDALDataset* out, int w, int h, int nin, int n
 
 bool ReadByRows(GDALDataset* in, int w, int h, int nin)
 {
-    const Windows windows(in, w, h, nin);
-    std::vector<float> rows(static_cast<size_t>(w) * nin * windows.MaxRows());
-    for (int y = 0, n = 0; y < h; y += n) {
-        n = windows.From(y);
-        if (in->RasterIO(GF_Read, 0, y, w, n, rows.data(), w, n, GDT_Float32, nin, nullptr, 0, 0, 0, nullptr) != CE_None)
-            return false;
-    }
-    return true;
+    return EachWindow(in, w, h, nin, [](int, int, float*) { return true; });
 }
 
 } // namespace
