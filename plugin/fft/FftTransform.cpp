@@ -443,6 +443,17 @@ bool TavTransFFTFuncNew::CheckBands(const std::vector<int>& bands, int bandCount
     return true;
 }
 
+bool TavTransFFTFuncNew::ReadBlock(RasterDataset& in, int bandNumber, const RowBlock& b, FftBandBlocks& blocks,
+                                   bool zeroImaginary)
+{
+    if (!blocks.Append(zeroImaginary))
+        return Fail(kContext, "Apply memory Fail!");
+    // The host's block cache is small and bounded, so the band is held once, in the blocks.
+    if (!ReadFloatRows(in, bandNumber, b.first, b.rows, blocks.Width(), blocks.Re(b.index)))
+        return Fail(kContext, "Failed to read the input file!");
+    return true;
+}
+
 bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
                                               const ProgressPass& pass)
 {
@@ -454,13 +465,8 @@ bool TavTransFFTFuncNew::ReadAndTransformRows(RasterDataset& in, int bandNumber,
     for (const RowBlock b : blocks.Blocks()) {
         if (!pass.PollAndReport(static_cast<long long>(b.first) * width))
             return LeaveCancelled();
-        // The read fills the real half; the imaginary parts of real pixels are 0.
-        if (!blocks.Append(true))
-            return Fail(kContext, "Apply memory Fail!");
-        // The host's block cache is small and bounded, so the band is held once, in the blocks.
-        if (!ReadFloatRows(in, bandNumber, b.first, b.rows, width, blocks.Re(b.index)))
-            return Fail(kContext, "Failed to read the input file!");
-        if (!rows.Filled(b.index))
+        // The imaginary parts of real pixels are 0.
+        if (!ReadBlock(in, bandNumber, b, blocks, true) || !rows.Filled(b.index))
             return false;
     }
     return rows.Finish();
@@ -475,11 +481,9 @@ bool TavTransFFTFuncNew::ReadFillAndTransformRows(RasterDataset& in, BandMeanFil
     for (const RowBlock b : blocks.Blocks()) {
         if (pass.Cancelled())
             return LeaveCancelled();
-        // The read fills the real half, the marks below the imaginary one.
-        if (!blocks.Append(false))
-            return Fail(kContext, "Apply memory Fail!");
-        if (!ReadFloatRows(in, fill.Band(), b.first, b.rows, width, blocks.Re(b.index)))
-            return Fail(kContext, "Failed to read the input file!");
+        // The marks below fill the imaginary half.
+        if (!ReadBlock(in, fill.Band(), b, blocks, false))
+            return false;
         fill.Survey(0, b.first, width, b.rows, blocks.Re(b.index), width);
         const uint8_t* valid = fill.Flags();
         float* mark = blocks.Im(b.index);

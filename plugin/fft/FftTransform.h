@@ -45,6 +45,9 @@ private:
                          const QString& format);
     // bandNumber and realBandNumber are 1-based; the imaginary band follows the real one. Both read
     // the dataset the run opened, so that every band comes from one and the same scene.
+    // Appends the next block and reads band `bandNumber`'s rows into its real half.
+    bool ReadBlock(OrvDataSource::RasterDataset& in, int bandNumber, const RowBlock& b, FftBandBlocks& blocks,
+                   bool zeroImaginary);
     bool ReadAndTransformRows(OrvDataSource::RasterDataset& in, int bandNumber, FftBandBlocks& blocks,
                               const ProgressPass& pass);
     // The masked band's rows: all read and surveyed first, then filled and transformed.
